@@ -1,0 +1,30 @@
+/* The function table that veltramultidimarrayforpython exports as the capsule
+ * "veltramultidimarrayforpython._capi". An "array implementation handle" is a veltra::data::ArrayImpl*:
+ * whoever receives one owns one hold on it (foundation::veltradata::Array adopts it). */
+#ifndef VELTRA_CAPI_H
+#define VELTRA_CAPI_H
+
+#include <Python.h>
+#include <stdint.h>
+
+#define VELTRA_CAPI_CAPSULE_NAME "veltramultidimarrayforpython._capi"
+
+typedef struct VeltraArrayCapi {
+    /* 0: a new package object of the handle's kind holding the array (no copy). Adopts the caller's hold:
+     *    the caller retains first. Null with a Python error on failure (the hold is then released). */
+    PyObject* (*wrap_array)(void* impl_handle);
+    /* 1: an implementation handle for `obj` of the requested ArrayType: a package object's own array
+     *    (shared; converted only when its kind differs), or, for a buffer handle from entry 2, one reordering
+     *    copy into a new column-major array. `owner` is the object whose lifetime covers `obj`. Null with a
+     *    Python error on failure. */
+    void* (*get_array)(PyObject* obj, PyObject* owner, uint32_t array_type);
+    /* 2: a buffer handle (a Python object owning the Py_buffer) and the ArrayType of its format in *array_type.
+     *    Null with a Python error (TypeError naming the format for formats that cannot be carried). */
+    PyObject* (*acquire_buffer)(PyObject* obj, uint32_t* array_type);
+    /* 3: releases a buffer handle from entry 2. */
+    void (*release_buffer)(PyObject* buffer_handle);
+    /* 4: non-zero when `obj` can be read as a buffer. Never leaves a Python error set. */
+    int (*is_buffer)(PyObject* obj);
+} VeltraArrayCapi;
+
+#endif

@@ -1,0 +1,41 @@
+// The call messages as the module uses them: parameters built from a cell of arguments, results read into a
+// 1-by-N cell of outputs or the error struct. Both throw std::exception; the module turns that into Python.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "veltra_common.pb.h"
+#include "veltradata/veltradata.h"
+
+namespace foundation::protobuf::common {
+
+using foundation::veltradata::Array;
+
+// A VELTRA_Params message for the elements of a cell array (column-major order) and nargout, sized up front
+// so that it can be written straight into a caller's buffer (one copy of every payload).
+class ParamsMessage {
+public:
+    // Throws when `args` is not a cell array.
+    ParamsMessage(const Array& args, std::int32_t nargout);
+    std::size_t byteSize() const { return size_; }
+    // Writes exactly byteSize() bytes.
+    void writeTo(std::uint8_t* out) const;
+    std::string serialize() const;
+
+private:
+    Array args_;
+    std::int32_t nargout_;
+    std::size_t size_ = 0;
+};
+
+// Reads a VELTRA_Result. Unparseable trailing bytes leave what was read before them; a malformed array throws.
+// Returns a 1-by-N cell of outputs, or, when the message carries an error, the 1-by-1 struct with the fields
+// "message", "identifier" and "stack_as_str".
+Array readResult(const std::uint8_t* data, std::size_t size);
+inline Array readResult(const std::string& bytes) {
+    return readResult(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+}
+
+}  // namespace foundation::protobuf::common

@@ -1,0 +1,50 @@
+// Array <-> VELTRA_Array. The encoder and decoder work on the wire format directly (sizes first, payloads
+// written once); the message classes are built from the same bytes so every other client sees one schema.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "veltra_array.pb.h"
+#include "veltradata/veltradata.h"
+
+namespace foundation::veltradata::protobuf {
+
+class DataFrameWriter;
+class DataFrameReader;
+
+// What the compact form selects is internal; clients pass 1.
+enum class OptimizedSparseFormat : int { None = 0, Compact = 1 };
+
+// Bounds on what a received message may claim before it is believed.
+inline constexpr int kMaxNestingDepth = 200;
+
+class SerializationContext {
+public:
+    SerializationContext(ArrayFactory& factory, bool reserved, std::shared_ptr<DataFrameWriter> writer,
+                         std::shared_ptr<DataFrameReader> reader, OptimizedSparseFormat sparse);
+
+    std::unique_ptr<VELTRA_Array> convertToProtobuf(const Array& a);
+    // Throws std::exception (ArrayException or a wire-format error) for a message that is not a valid array.
+    Array convertFromProtobuf(std::unique_ptr<VELTRA_Array> message);
+
+    ArrayFactory& factory() { return factory_; }
+
+private:
+    ArrayFactory& factory_;
+};
+
+// ---- The wire codec used by the above and by the call messages ----
+
+// Exact encoded size of `a` as a VELTRA_Array message body (without its own tag and length).
+std::size_t encodedSize(const Array& a);
+// Writes exactly encodedSize(a) bytes at `out`; returns the end.
+std::uint8_t* encodeArray(const Array& a, std::uint8_t* out);
+// Decodes one VELTRA_Array message body. Throws std::exception with a clear text for anything malformed:
+// unknown type numbers, dimension products that overflow or disagree with the payload, truncated payloads,
+// odd UTF-16 byte counts, element counts that disagree with the dimensions, nesting beyond kMaxNestingDepth.
+Array decodeArray(const std::uint8_t* data, std::size_t size, ArrayFactory& factory, int depth = 0);
+
+}  // namespace foundation::veltradata::protobuf

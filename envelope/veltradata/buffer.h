@@ -1,0 +1,38 @@
+// One contiguous, 64-byte-aligned block of element bytes. Internal to the array library and its close users
+// (serialization, the typed array package): everything else reaches elements through typed views.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace veltra::data {
+
+class AlignedBuffer {
+public:
+    static constexpr std::size_t kAlignment = 64;
+
+    AlignedBuffer() noexcept = default;
+    // Uninitialised storage of `bytes` bytes; zero-filled when `zeroed`. Throws std::bad_alloc.
+    explicit AlignedBuffer(std::size_t bytes, bool zeroed = true);
+    AlignedBuffer(const AlignedBuffer&) = delete;
+    AlignedBuffer& operator=(const AlignedBuffer&) = delete;
+    AlignedBuffer(AlignedBuffer&& o) noexcept;
+    AlignedBuffer& operator=(AlignedBuffer&& o) noexcept;
+    ~AlignedBuffer();
+
+    // Never null, also for zero bytes, so that a buffer export always has a valid address.
+    std::uint8_t* data() noexcept { return data_ ? data_ : empty_; }
+    const std::uint8_t* data() const noexcept { return data_ ? data_ : empty_; }
+    std::size_t size() const noexcept { return size_; }
+    AlignedBuffer clone() const;
+
+private:
+    void reset() noexcept;
+    std::uint8_t* data_ = nullptr;
+    std::size_t size_ = 0;
+    std::size_t mapped_ = 0;  // non-zero when the block came from mmap
+    void* mapBase_ = nullptr;
+    alignas(kAlignment) static std::uint8_t empty_[kAlignment];
+};
+
+}  // namespace veltra::data

@@ -1,0 +1,74 @@
+// Dispatch from a raw-buffer kind to its C++ element type, and element conversion between such types.
+// Internal to the library and the typed array package.
+#pragma once
+
+#include <complex>
+#include <cstdint>
+#include <type_traits>
+
+#include "array_type.h"
+#include "errors.h"
+
+namespace veltra::data {
+
+template <typename T> struct IsComplex : std::false_type {};
+template <typename T> struct IsComplex<std::complex<T>> : std::true_type {};
+
+// Calls f(T{}) with the element type of a raw-buffer kind; throws InvalidArrayTypeException otherwise.
+template <typename F>
+decltype(auto) visitRawType(foundation::veltradata::ArrayType t, F&& f) {
+    using foundation::veltradata::ArrayType;
+    switch (t) {
+        case ArrayType::LOGICAL: return f(bool{});
+        case ArrayType::CHAR: return f(char16_t{});
+        case ArrayType::DOUBLE: return f(double{});
+        case ArrayType::SINGLE: return f(float{});
+        case ArrayType::INT8: return f(std::int8_t{});
+        case ArrayType::UINT8: return f(std::uint8_t{});
+        case ArrayType::INT16: return f(std::int16_t{});
+        case ArrayType::UINT16: return f(std::uint16_t{});
+        case ArrayType::INT32: return f(std::int32_t{});
+        case ArrayType::UINT32: return f(std::uint32_t{});
+        case ArrayType::INT64: return f(std::int64_t{});
+        case ArrayType::UINT64: return f(std::uint64_t{});
+        case ArrayType::COMPLEX_DOUBLE: return f(std::complex<double>{});
+        case ArrayType::COMPLEX_SINGLE: return f(std::complex<float>{});
+        case ArrayType::COMPLEX_INT8: return f(std::complex<std::int8_t>{});
+        case ArrayType::COMPLEX_UINT8: return f(std::complex<std::uint8_t>{});
+        case ArrayType::COMPLEX_INT16: return f(std::complex<std::int16_t>{});
+        case ArrayType::COMPLEX_UINT16: return f(std::complex<std::uint16_t>{});
+        case ArrayType::COMPLEX_INT32: return f(std::complex<std::int32_t>{});
+        case ArrayType::COMPLEX_UINT32: return f(std::complex<std::uint32_t>{});
+        case ArrayType::COMPLEX_INT64: return f(std::complex<std::int64_t>{});
+        case ArrayType::COMPLEX_UINT64: return f(std::complex<std::uint64_t>{});
+        default: throw foundation::veltradata::InvalidArrayTypeException();
+    }
+}
+
+// Converts one element. Real to complex gives a zero imaginary part; complex to real is refused.
+template <typename D, typename S>
+D convertElement(const S& s) {
+    if constexpr (IsComplex<D>::value) {
+        using DR = typename D::value_type;
+        if constexpr (IsComplex<S>::value) {
+            return D(static_cast<DR>(s.real()), static_cast<DR>(s.imag()));
+        } else {
+            return D(static_cast<DR>(s), DR{});
+        }
+    } else if constexpr (IsComplex<S>::value) {
+        throw foundation::veltradata::TypeMismatchException("A complex element cannot be read as a real value.");
+    } else {
+        return static_cast<D>(s);
+    }
+}
+
+template <typename T>
+bool elementEquals(const T& a, const T& b) {
+    if constexpr (IsComplex<T>::value) {
+        return a.real() == b.real() && a.imag() == b.imag();
+    } else {
+        return a == b;
+    }
+}
+
+}  // namespace veltra::data
