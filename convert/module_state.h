@@ -1,0 +1,18 @@
+// Process-wide state written once by module initialisation and only read afterwards.
+#pragma once
+
+#include <Python.h>
+
+#include "veltra_capi.h"
+
+namespace PythonVeltraDataArray::detail {
+
+// The typed array package's function table; null when the capsule could not be imported.
+const VeltraArrayCapi* capsule() noexcept;
+void setCapsule(const VeltraArrayCapi* table) noexcept;
+
+// The package's `double` type object (a strong reference kept for the life of the process); may be null.
+PyObject* packageDoubleType() noexcept;
+void setPackageDoubleType(PyObject* stolen) noexcept;
+
+}  // namespace PythonVeltraDataArray::detail
