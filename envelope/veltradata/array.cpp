@@ -299,7 +299,9 @@ void ArrayElementRef::readRaw(ArrayType want, void* out, bool exact) const {
     veltra::data::visitRawType(impl.type, [&](auto s) {
         using S = decltype(s);
         S v;
-        std::memcpy(&v, base + i * sizeof(S), sizeof(S));
+        // A logical byte is read as zero or not: loading any other byte value as a bool is undefined.
+        if constexpr (std::is_same_v<S, bool>) v = base[i] != 0;
+        else std::memcpy(&v, base + i * sizeof(S), sizeof(S));
         veltra::data::visitRawType(want, [&](auto d) {
             using D = decltype(d);
             D r = veltra::data::convertElement<D>(v);

@@ -56,6 +56,13 @@ std::size_t rawBytes(ArrayType type, std::uint64_t numel) {
     return static_cast<std::size_t>(numel) * es;
 }
 
+// Logical elements are stored as bytes 0 and 1 only, whatever bytes the source held: equality compares bytes
+// and views hand the buffer out as bool.
+void normalizeLogical(AlignedBuffer& buf) {
+    std::uint8_t* p = buf.data();
+    for (std::size_t i = 0; i < buf.size(); ++i) p[i] = p[i] != 0;
+}
+
 Array make(ArrayType type, Dims dims, std::uint64_t numel, Storage storage) {
     return Array(new ArrayImpl(type, std::move(dims), numel, std::move(storage)));
 }
@@ -89,6 +96,7 @@ Array ArrayFactory::createArrayWithData(ArrayType type, Dims dims, const void* d
     if (bytes != want) throw ArrayException("The data size does not match the array dimensions.");
     AlignedBuffer buf(want, false);
     if (want) std::memcpy(buf.data(), data, want);
+    if (type == ArrayType::LOGICAL) normalizeLogical(buf);
     return make(type, std::move(dims), n, std::move(buf));
 }
 
@@ -97,6 +105,7 @@ Array ArrayFactory::adoptBuffer(ArrayType type, Dims dims, AlignedBuffer&& buffe
     dims = normalizeDims(std::move(dims));
     const std::uint64_t n = numberOfElements(dims);
     if (buffer.size() != rawBytes(type, n)) throw ArrayException("The data size does not match the array dimensions.");
+    if (type == ArrayType::LOGICAL) normalizeLogical(buffer);
     return make(type, std::move(dims), n, std::move(buffer));
 }
 
