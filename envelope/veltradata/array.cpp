@@ -129,6 +129,30 @@ ArrayType sparseElementType(ArrayType t) {
                                      : ArrayType::COMPLEX_DOUBLE;
 }
 
+// The stored non-zero values of a sparse array by column-major position. Stored zeros and the order of the
+// triplets are representation, not value, so equality looks only at this.
+template <typename T>
+std::vector<std::pair<std::uint64_t, T>> sparseEntries(const SparseStorage& s, std::uint64_t rowCount) {
+    std::vector<std::pair<std::uint64_t, T>> out;
+    const std::uint8_t* base = s.values.data();
+    for (std::size_t k = 0; k < s.rows.size(); ++k) {
+        T v;
+        if constexpr (std::is_same_v<T, bool>) v = base[k] != 0;
+        else std::memcpy(&v, base + k * sizeof(T), sizeof(T));
+        if (v == T{}) continue;
+        out.emplace_back(s.cols[k] * rowCount + s.rows[k], v);
+    }
+    std::sort(out.begin(), out.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    return out;
+}
+
+// The class an object array reports: its first element's when that has one (see getClassInfo).
+const VeltraClassIdentifier& effectiveClass(const ObjectStorage& s) {
+    if (!s.objects.empty() && !s.objects[0].getClassInfo().getClassIdentifier().getClassName().empty())
+        return s.objects[0].getClassInfo().getClassIdentifier();
+    return s.classInfo.getClassIdentifier();
+}
+
 }  // namespace
 
 bool operator==(const Array& a, const Array& b) {
@@ -146,9 +170,13 @@ bool operator==(const Array& a, const Array& b) {
     if (isSparseType(t)) {
         const auto& s = x->get<SparseStorage>();
         const auto& u = y->get<SparseStorage>();
-        if (s.rows != u.rows || s.cols != u.cols) return false;
         return veltra::data::visitRawType(sparseElementType(t), [&](auto tag) {
-            return rawEquals<decltype(tag)>(s.values, u.values, s.rows.size());
+            using T = decltype(tag);
+            const auto p = sparseEntries<T>(s, x->dims[0]);
+            const auto q = sparseEntries<T>(u, y->dims[0]);
+            return std::equal(p.begin(), p.end(), q.begin(), q.end(), [](const auto& a, const auto& b) {
+                return a.first == b.first && veltra::data::elementEquals(a.second, b.second);
+            });
         });
     }
     switch (t) {
@@ -162,9 +190,13 @@ bool operator==(const Array& a, const Array& b) {
         case ArrayType::VELTRA_STRING:
             return x->get<std::vector<VeltraString>>() == y->get<std::vector<VeltraString>>();
         case ArrayType::VALUE_OBJECT: {
+            // Compared as the user sees them: the class (not its declaration lists), the elements and the
+            // presented dimensions, whether those were set explicitly or default to the array's own.
             const auto& s = x->get<ObjectStorage>();
             const auto& u = y->get<ObjectStorage>();
-            return s.classInfo == u.classInfo && s.objects == u.objects && s.externalDims == u.externalDims;
+            const Dims& se = s.externalDims.empty() ? x->dims : s.externalDims;
+            const Dims& ue = u.externalDims.empty() ? y->dims : u.externalDims;
+            return effectiveClass(s) == effectiveClass(u) && s.objects == u.objects && se == ue;
         }
         case ArrayType::HANDLE_OBJECT_REF:
             return x->get<std::vector<HandleObjectRef>>() == y->get<std::vector<HandleObjectRef>>();
@@ -484,7 +516,7 @@ std::vector<VeltraFieldIdentifier> StructArray::getFieldNames() const {
 
 ClassInfo ValueObjectArray::getClassInfo() const {
     const auto& s = impl().get<ObjectStorage>();
-    if (!s.objects.empty() && s.objects[0].getClassInfo().getClassIdentifier().getClassName() != "")
+    if (!s.objects.empty() && !s.objects[0].getClassInfo().getClassIdentifier().getClassName().empty())
         return s.objects[0].getClassInfo();
     return s.classInfo;
 }

@@ -208,11 +208,19 @@ Array ArrayFactory::createSparseArray(ArrayType type, Dims dims, std::vector<std
                                                         : ArrayType::COMPLEX_DOUBLE;
     if (rows.size() != cols.size()) throw ArrayException("Sparse row and column counts differ.");
     if (bytes != rows.size() * elementSize(elem)) throw ArrayException("Sparse value count does not match.");
+    std::vector<std::uint64_t> positions;
+    positions.reserve(rows.size());
     for (std::size_t k = 0; k < rows.size(); ++k) {
         if (rows[k] >= dims[0] || cols[k] >= dims[1]) throw IndexOutOfRangeException();
+        positions.push_back(cols[k] * dims[0] + rows[k]);
     }
+    // Two values for one element would leave the element's value undefined.
+    std::sort(positions.begin(), positions.end());
+    if (std::adjacent_find(positions.begin(), positions.end()) != positions.end())
+        throw ArrayException("A sparse array holds two values for one element.");
     AlignedBuffer buf(bytes, false);
     if (bytes) std::memcpy(buf.data(), values, bytes);
+    if (type == ArrayType::SPARSE_31) normalizeLogical(buf);
     return make(type, std::move(dims), n, SparseStorage{std::move(rows), std::move(cols), std::move(buf)});
 }
 
