@@ -46,6 +46,7 @@ template <typename T>
 std::vector<T> sizedVector(std::uint64_t n) {
     if (n > std::vector<T>().max_size() || n > std::numeric_limits<std::size_t>::max() / sizeof(T))
         throw std::bad_alloc();
+    veltra::data::checkAllocationSize(static_cast<std::size_t>(n) * sizeof(T));
     return std::vector<T>(static_cast<std::size_t>(n));
 }
 
@@ -161,6 +162,10 @@ ValueObjectArray ArrayFactory::createValueObjectArray(Dims dims, const ClassInfo
     ValueObject proto(info);
     for (const auto& p : info.getFirstProperties()) proto[p];
     for (const auto& p : info.getSecondProperties()) proto[p];
+    // Every element gets its own copy of the property list: count that too before allocating.
+    const std::size_t perObject = sizeof(ValueObject) + proto.getNumberOfProperties() * sizeof(Property);
+    if (n > std::numeric_limits<std::size_t>::max() / perObject) throw std::bad_alloc();
+    veltra::data::checkAllocationSize(static_cast<std::size_t>(n) * perObject);
     std::vector<ValueObject> objects = sizedVector<ValueObject>(n);
     std::fill(objects.begin(), objects.end(), proto);
     return ValueObjectArray(

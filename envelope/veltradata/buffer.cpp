@@ -1,9 +1,11 @@
 #include "buffer.h"
 
 #include <sys/mman.h>
+#include <sys/sysinfo.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <new>
 #include <utility>
 
@@ -16,10 +18,27 @@ constexpr std::size_t kMapThreshold = std::size_t{1} << 20;
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
 }  // namespace
 
+namespace {
+std::size_t machineMemoryLimit() {
+    struct sysinfo info {};
+    if (::sysinfo(&info) != 0) return std::numeric_limits<std::size_t>::max();
+    const unsigned __int128 total =
+        (static_cast<unsigned __int128>(info.totalram) + info.totalswap) * (info.mem_unit ? info.mem_unit : 1);
+    return total > std::numeric_limits<std::size_t>::max() ? std::numeric_limits<std::size_t>::max()
+                                                           : static_cast<std::size_t>(total);
+}
+}  // namespace
+
+void checkAllocationSize(std::size_t bytes) {
+    static const std::size_t limit = machineMemoryLimit();
+    if (bytes > limit) throw std::bad_alloc();
+}
+
 alignas(AlignedBuffer::kAlignment) std::uint8_t AlignedBuffer::empty_[AlignedBuffer::kAlignment] = {};
 
 AlignedBuffer::AlignedBuffer(std::size_t bytes, bool zeroed) : size_(bytes) {
     if (bytes == 0) return;
+    checkAllocationSize(bytes);
     if (bytes >= kMapThreshold) {
         if (bytes > SIZE_MAX - 2 * kHugePage) throw std::bad_alloc();
         std::size_t len = bytes + kHugePage;

@@ -7,6 +7,11 @@
 
 namespace veltra::data {
 
+// Throws std::bad_alloc when `bytes` exceeds what this machine could ever back (physical memory plus swap).
+// Called before every allocation whose size comes from claimed dimensions: asking the allocator first is not
+// safe, since some allocators (sanitizer runtimes among them) abort on absurd requests instead of failing.
+void checkAllocationSize(std::size_t bytes);
+
 class AlignedBuffer {
 public:
     static constexpr std::size_t kAlignment = 64;
