@@ -238,6 +238,25 @@ bool ClassInfo::operator==(const ClassInfo& o) const {
            getSecondProperties() == o.getSecondProperties();
 }
 
+Struct::Struct(std::vector<std::string> fields, std::vector<Array> values)
+    : fields_(std::move(fields)), values_(std::move(values)) {
+    if (fields_.size() != values_.size()) throw ArrayException("A struct needs one value per field.");
+}
+
+std::vector<VeltraFieldIdentifier> Struct::getFieldNames() const {
+    return std::vector<VeltraFieldIdentifier>(fields_.begin(), fields_.end());
+}
+
+bool Struct::hasField(const std::string& field) const {
+    return std::find(fields_.begin(), fields_.end(), field) != fields_.end();
+}
+
+const Array& Struct::operator[](const std::string& field) const {
+    auto it = std::find(fields_.begin(), fields_.end(), field);
+    if (it == fields_.end()) throw ArrayException("The struct has no field '" + field + "'.");
+    return values_[static_cast<std::size_t>(it - fields_.begin())];
+}
+
 bool ValueObject::hasProperty(const VeltraPropertyIdentifier& id) const {
     return std::any_of(props_.begin(), props_.end(), [&](const Property& p) { return p.getIdentifier() == id; });
 }
@@ -392,6 +411,35 @@ void ArrayElementRef::writeArray(const Array& a) {
     mismatch("Only cell elements and struct fields hold arrays.");
 }
 
+Struct ArrayElementRef::readStruct() const {
+    const ArrayImpl& impl = owner_->impl();
+    if (impl.type != ArrayType::STRUCT || hasField_) mismatch("The element is not a struct element.");
+    const auto& s = impl.get<StructStorage>();
+    const std::size_t nf = s.fields.size();
+    const std::size_t first = static_cast<std::size_t>(linearIndex()) * nf;
+    return Struct(s.fields, std::vector<Array>(s.values.begin() + first, s.values.begin() + first + nf));
+}
+
+ArrayElementRef& ArrayElementRef::operator=(const ArrayElementRef& o) {
+    const ArrayType t = o.owner_->getType();
+    if (o.hasField_ || t == ArrayType::CELL) {
+        writeArray(o.readArray());
+    } else if (isRawBufferType(t)) {
+        alignas(16) unsigned char value[16];  // the largest element: a complex double
+        o.readRaw(t, value, true);
+        writeRaw(t, value);
+    } else if (t == ArrayType::VELTRA_STRING) {
+        writeString(o.readString());
+    } else if (t == ArrayType::VALUE_OBJECT) {
+        writeValueObject(o.readValueObject());
+    } else if (t == ArrayType::HANDLE_OBJECT_REF) {
+        writeHandle(o.readHandle());
+    } else {
+        mismatch("An element of this kind cannot be assigned.");
+    }
+    return *this;
+}
+
 VeltraString ArrayElementRef::readString() const {
     const ArrayImpl& impl = owner_->impl();
     if (impl.type != ArrayType::VELTRA_STRING || hasField_) mismatch("The element is not a string.");
@@ -502,9 +550,6 @@ std::string CharArray::toAscii() const {
     }
     return out;
 }
-
-StructArray::StructArray(const Array& a) : Array(a) { detail::checkViewKind(*this, ArrayType::STRUCT); }
-StructArray::StructArray(Array&& a) : Array(std::move(a)) { detail::checkViewKind(*this, ArrayType::STRUCT); }
 
 std::size_t StructArray::getNumberOfFields() const { return impl().get<StructStorage>().fields.size(); }
 

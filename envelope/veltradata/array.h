@@ -27,6 +27,7 @@ class ValueObject;
 struct HandleObjectRef;
 struct EnumValue;
 class ClassInfo;
+class Struct;
 
 class Array {
 public:
@@ -98,6 +99,24 @@ private:
     std::shared_ptr<const Data> data_;
 };
 
+// A struct element read out as a value: its fields in creation order, each holding an Array.
+class Struct {
+public:
+    Struct() = default;
+    Struct(std::vector<std::string> fields, std::vector<Array> values);
+    std::size_t getNumberOfFields() const { return fields_.size(); }
+    std::vector<VeltraFieldIdentifier> getFieldNames() const;
+    bool hasField(const std::string& field) const;
+    // Throws when the struct has no such field.
+    const Array& operator[](const std::string& field) const;
+    bool operator==(const Struct& o) const { return fields_ == o.fields_ && values_ == o.values_; }
+    bool operator!=(const Struct& o) const { return !(*this == o); }
+
+private:
+    std::vector<std::string> fields_;
+    std::vector<Array> values_;
+};
+
 class Property {
 public:
     Property(VeltraPropertyIdentifier id, Array value) : id_(std::move(id)), value_(std::move(value)) {}
@@ -124,6 +143,9 @@ public:
     std::vector<Property>::const_iterator begin() const { return props_.begin(); }
     std::vector<Property>::const_iterator end() const { return props_.end(); }
     std::size_t getNumberOfProperties() const { return props_.size(); }
+    // Internal: appends a property the caller knows is not there yet (decoders that checked the names
+    // themselves), without the per-property search operator[] does.
+    void appendProperty(VeltraPropertyIdentifier id, Array value) { props_.emplace_back(std::move(id), std::move(value)); }
     bool operator==(const ValueObject& o) const;
     bool operator!=(const ValueObject& o) const { return !(*this == o); }
 
@@ -162,6 +184,7 @@ VELTRA_ELEMENT_KIND(std::complex<std::uint32_t>, COMPLEX_UINT32);
 VELTRA_ELEMENT_KIND(std::complex<std::int64_t>, COMPLEX_INT64);
 VELTRA_ELEMENT_KIND(std::complex<std::uint64_t>, COMPLEX_UINT64);
 VELTRA_ELEMENT_KIND(Array, CELL);
+VELTRA_ELEMENT_KIND(Struct, STRUCT);
 VELTRA_ELEMENT_KIND(ValueObject, VALUE_OBJECT);
 VELTRA_ELEMENT_KIND(HandleObjectRef, HANDLE_OBJECT_REF);
 VELTRA_ELEMENT_KIND(EnumValue, ENUM);
@@ -179,11 +202,17 @@ public:
     static constexpr std::size_t kMaxIndices = 16;
 
     ArrayElementRef(Array* owner, std::uint64_t index, bool writable) noexcept;
+    ArrayElementRef(const ArrayElementRef&) = default;
+    // Like every other assignment to a reference, writes the element: the value `o` refers to is copied into
+    // the element this refers to (converted to this array's numeric kind where needed).
+    ArrayElementRef& operator=(const ArrayElementRef& o);
 
     ArrayElementRef operator[](std::uint64_t next) const;   // one more index of a multi-index
     ArrayElementRef addIndex(const std::string& field) const;  // a field of a struct element
     ArrayElementRef operator[](const std::string& field) const { return addIndex(field); }
-    ArrayElementRef operator[](const char* field) const { return addIndex(field); }
+    // Literals only: a `const char*` overload would make ref[0] ambiguous (0 is also a null pointer).
+    template <std::size_t N>
+    ArrayElementRef operator[](const char (&field)[N]) const { return addIndex(field); }
 
     // The element as exactly its own type; throws TypeMismatchException for another kind.
     template <typename T> T getValue() const;
@@ -197,7 +226,7 @@ public:
     ArrayElementRef& operator=(const Array& a) { setElement(a); return *this; }
     operator Array() const { return castTo<Array>(); }
 
-    // A char array held in a cell element or struct field, read as a narrow string (code units truncated).
+    // A char array held in a cell element or struct field, read as a UTF-8 string.
     std::string castToString() const;
     // String elements.
     bool has_value() const;
@@ -211,6 +240,7 @@ protected:
     void writeRaw(ArrayType from, const void* in);
     Array readArray() const;
     void writeArray(const Array& a);
+    Struct readStruct() const;
     VeltraString readString() const;
     void writeString(const VeltraString& s);
     void writeUtf8(const std::string& s);
@@ -237,6 +267,8 @@ T ArrayElementRef::getValue() const {
         return out;
     } else if constexpr (std::is_same_v<T, Array>) {
         return readArray();
+    } else if constexpr (std::is_same_v<T, Struct>) {
+        return readStruct();
     } else if constexpr (std::is_same_v<T, VeltraString>) {
         return readString();
     } else if constexpr (std::is_same_v<T, ValueObject>) {

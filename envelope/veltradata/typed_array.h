@@ -15,7 +15,9 @@ template <typename T>
 class Reference : public ArrayElementRef {
 public:
     using ArrayElementRef::ArrayElementRef;
+    using ArrayElementRef::operator[];  // field names of struct elements
     Reference(const ArrayElementRef& r) : ArrayElementRef(r) {}  // NOLINT: chaining keeps the element type
+    Reference(const Reference&) = default;
 
     operator T() const { return this->template getValue<T>(); }
     T operator*() const { return this->template getValue<T>(); }
@@ -100,16 +102,14 @@ public:
     std::string toAscii() const;
 };
 
-class StructArray : public Array {
+// Elements are struct elements: a reference dereferences to a Struct value and is indexed further by a field
+// name to read or write the Array in that field (s[i]["name"]).
+class StructArray : public TypedArray<Struct> {
 public:
-    StructArray(const Array& a);   // NOLINT
-    StructArray(Array&& a);        // NOLINT
+    using TypedArray<Struct>::TypedArray;
     std::size_t getNumberOfFields() const;
     // In the order the fields were created.
     std::vector<VeltraFieldIdentifier> getFieldNames() const;
-    // A struct element; index it further with a field name.
-    ArrayElementRef operator[](std::uint64_t i) { return ArrayElementRef(this, i, true); }
-    ArrayElementRef operator[](std::uint64_t i) const { return ArrayElementRef(const_cast<StructArray*>(this), i, false); }
 };
 
 class ValueObjectArray : public TypedArray<ValueObject> {
