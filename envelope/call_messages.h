@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "veltra_common.pb.h"
 #include "veltradata/veltradata.h"
@@ -17,7 +18,8 @@ using foundation::veltradata::Array;
 // so that it can be written straight into a caller's buffer (one copy of every payload).
 class ParamsMessage {
 public:
-    // Throws when `args` is not a cell array.
+    // Throws when `args` holds elements and is not a cell array (an empty array of any kind gives a message
+    // with nargout alone), and when an argument is nested too deeply to be read back.
     ParamsMessage(const Array& args, std::int32_t nargout);
     std::size_t byteSize() const { return size_; }
     // Writes exactly byteSize() bytes.
@@ -28,9 +30,11 @@ private:
     Array args_;
     std::int32_t nargout_;
     std::size_t size_ = 0;
+    std::vector<std::size_t> sizes_;  // every nested message's size, in the order writeTo needs them
 };
 
-// Reads a VELTRA_Result. Unparseable trailing bytes leave what was read before them; a malformed array throws.
+// Reads a VELTRA_Result. Unparseable bytes end the reading and what was read before them is used, as
+// protobuf's own parser leaves it; an output array that is malformed or cut short throws.
 // Returns a 1-by-N cell of outputs, or, when the message carries an error, the 1-by-1 struct with the fields
 // "message", "identifier" and "stack_as_str".
 Array readResult(const std::uint8_t* data, std::size_t size);

@@ -5,7 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "veltra_array.pb.h"
 #include "veltradata/veltradata.h"
@@ -18,8 +20,15 @@ class DataFrameReader;
 // What the compact form selects is internal; clients pass 1.
 enum class OptimizedSparseFormat : int { None = 0, Compact = 1 };
 
-// Bounds on what a received message may claim before it is believed.
+// Bounds on what a received message may claim before it is believed. The writer keeps to the same bound, so
+// whatever we send we can also read back.
 inline constexpr int kMaxNestingDepth = 200;
+
+// A message that is not a valid VELTRA_Array (or an array too deep to write). what() says what is wrong.
+class WireFormatException : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
 
 class SerializationContext {
 public:
@@ -46,5 +55,14 @@ std::uint8_t* encodeArray(const Array& a, std::uint8_t* out);
 // unknown type numbers, dimension products that overflow or disagree with the payload, truncated payloads,
 // odd UTF-16 byte counts, element counts that disagree with the dimensions, nesting beyond kMaxNestingDepth.
 Array decodeArray(const std::uint8_t* data, std::size_t size, ArrayFactory& factory, int depth = 0);
+
+namespace detail {
+// For messages that hold several arrays: measureArray appends the body size of `a` and of every message
+// nested in it (pre-order) to `sizes` and returns a's size; writeArray then writes `a` from sizes[pos]
+// onwards, advancing pos. Each nested size is computed once, whatever the depth.
+std::size_t measureArray(const Array& a, std::vector<std::size_t>& sizes);
+std::uint8_t* writeArray(const Array& a, const std::vector<std::size_t>& sizes, std::size_t& pos,
+                         std::uint8_t* out);
+}  // namespace detail
 
 }  // namespace foundation::veltradata::protobuf
