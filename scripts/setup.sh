@@ -3,7 +3,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-DEB_PACKAGES=(libprotobuf-dev protobuf-compiler libboost-dev libgtest-dev libbenchmark-dev clang libclang-rt-14-dev ccache)
+DEB_PACKAGES=(g++ python3-dev python3-venv libprotobuf-dev protobuf-compiler libboost-dev libgtest-dev libbenchmark-dev
+  clang libclang-rt-14-dev ccache)
 missing=()
 for p in "${DEB_PACKAGES[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
