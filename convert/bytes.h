@@ -1,0 +1,20 @@
+// bytes and bytearray -> 1-by-N UINT8 row vectors. There is no way back: UINT8 results are numeric arrays.
+#pragma once
+
+#include "convert/converter.h"
+
+namespace PythonVeltraDataArray::detail {
+
+class PyBytesToUint8 final : public ConvertToVeltraDataArray {
+public:
+    using ConvertToVeltraDataArray::ConvertToVeltraDataArray;
+    std::optional<Array> convert(PyObject* obj, const ConversionState& state) override;
+};
+
+class PyByteArrayToUint8 final : public ConvertToVeltraDataArray {
+public:
+    using ConvertToVeltraDataArray::ConvertToVeltraDataArray;
+    std::optional<Array> convert(PyObject* obj, const ConversionState& state) override;
+};
+
+}  // namespace PythonVeltraDataArray::detail

@@ -1,0 +1,278 @@
+#include "convert/dispatch.h"
+
+#include <array>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "convert/bytes.h"
+#include "convert/container.h"
+#include "convert/error_converters.h"
+#include "convert/module_state.h"
+#include "convert/numeric.h"
+#include "convert/scalar.h"
+#include "convert/text.h"
+#include "convert/type_name.h"
+
+namespace PythonVeltraDataArray {
+
+using detail::Array;
+using detail::ArrayFactory;
+using detail::ArrayType;
+using detail::ConvertToVeltraDataArray;
+using detail::ConvertVDAToPyObject;
+
+namespace {
+
+using ToArrayPtr = std::shared_ptr<ConvertToVeltraDataArray>;
+using ToPythonPtr = std::shared_ptr<ConvertVDAToPyObject>;
+
+const std::string kCapsuleIsNull = "capsule is null";
+const std::string kSparse = "conversion of VELTRA sparse array to Python not supported";
+
+std::string unsupportedKindText(ArrayType t) {
+    return "conversion of VELTRA data type " + std::to_string(static_cast<int>(t)) + " to Python not supported";
+}
+
+// Python type name -> converter, in registration order (kept for inspection while debugging), with an index
+// for the lookup. Each key has its own converter instance, also where two keys share a class.
+struct TypeRegistry {
+    std::vector<std::pair<std::string, ToArrayPtr>> entries;
+    std::unordered_map<std::string, ToArrayPtr> byName;
+    // The exact builtin types among the keys, found by pointer: their names are their tp_names, so this
+    // only skips computing a name that would be looked up anyway.
+    std::vector<std::pair<PyTypeObject*, ToArrayPtr>> builtins;
+    ToArrayPtr null, buffer, mapping;
+
+    template <typename C>
+    void add(const std::string& name, const std::shared_ptr<ArrayFactory>& f, PyTypeObject* builtin = nullptr) {
+        ToArrayPtr c = std::make_shared<C>(f);
+        entries.emplace_back(name, c);
+        byName.emplace(name, c);
+        if (builtin) builtins.emplace_back(builtin, c);
+    }
+    ToArrayPtr find(const std::string& name) const {
+        auto it = byName.find(name);
+        return it == byName.end() ? nullptr : it->second;
+    }
+};
+
+// Converters that belong to later work hold their keys with NotYetConvertible, so their objects are refused
+// with the unsupported-type TypeError rather than caught by the buffer or mapping fallbacks.
+void fillTypeRegistry(TypeRegistry& r, const std::shared_ptr<ArrayFactory>& f) {
+    using namespace detail;
+    r.add<PyFloatToDouble>("float", f, &PyFloat_Type);
+    r.add<PyComplexToDouble>("complex", f, &PyComplex_Type);
+    r.add<PyIntToInt64>("int", f, &PyLong_Type);
+    r.add<PyBoolToLogical>("bool", f, &PyBool_Type);
+    r.add<PyStrToCharOrString>("str", f, &PyUnicode_Type);
+    r.add<PyBytesToUint8>("bytes", f, &PyBytes_Type);
+    r.add<PyByteArrayToUint8>("bytearray", f, &PyByteArray_Type);
+    r.add<PyDictToStruct>("dict", f, &PyDict_Type);
+    r.add<PyListToCell>("list", f, &PyList_Type);
+    r.add<PyTupleToCell>("tuple", f, &PyTuple_Type);
+    r.add<PySetToCell>("set", f, &PySet_Type);
+    r.add<PyNoneToError>("NoneType", f, Py_TYPE(Py_None));
+    r.add<BufferProtocolObjectToBuffer>("memoryview", f, &PyMemoryView_Type);
+    r.add<NullToError>("NULL", f);
+    r.add<NotYetConvertible>("veltra.object", f);                   // PyObjectToObject
+    r.add<NotYetConvertible>("datetime.datetime", f);               // PyDatetimeToDatetime
+    r.add<NotYetConvertible>("numpy.datetime64", f);                // PyNumpyDatetime64ScalarToDatetime
+    r.add<NotYetConvertible>("datetime.timedelta", f);              // PyTimedeltaToDuration
+    r.add<NotYetConvertible>("numpy.timedelta64", f);               // PyNumpyTimedelta64ToDuration
+    r.add<NotYetConvertible>("veltra.dictionary", f);               // PyDictionaryToDictionary
+    r.add<NotYetConvertible>("pandas.DataFrame", f);                // PyDataFrameToTable
+    r.add<NotYetConvertible>("pandas.core.frame.DataFrame", f);     // PyDataFrameToTable
+    r.add<NotYetConvertible>("pandas.Timestamp", f);                // PyDatetimeToDatetime
+    r.add<NotYetConvertible>("pandas._libs.tslibs.timestamps.Timestamp", f);  // PyDatetimeToDatetime
+    r.add<NotYetConvertible>("pandas.Timedelta", f);                // PyTimedeltaToDuration
+    r.add<NotYetConvertible>("pandas._libs.tslibs.timedeltas.Timedelta", f);  // PyTimedeltaToDuration
+    r.add<VCPyDoubleToDouble>("veltra.double", f);
+    r.add<VCPySingleToSingle>("veltra.single", f);
+    r.add<VCPyInt8ToInt8>("veltra.int8", f);
+    r.add<VCPyInt16ToInt16>("veltra.int16", f);
+    r.add<VCPyInt32ToInt32>("veltra.int32", f);
+    r.add<VCPyInt64ToInt64>("veltra.int64", f);
+    r.add<VCPyUint8ToUint8>("veltra.uint8", f);
+    r.add<VCPyUint16ToUint16>("veltra.uint16", f);
+    r.add<VCPyUint32ToUint32>("veltra.uint32", f);
+    r.add<VCPyUint64ToUint64>("veltra.uint64", f);
+    r.add<VCPyLogicalToLogical>("veltra.logical", f);
+    r.add<BufferProtocolObjectToBuffer>("<buffer>", f);
+    r.add<NumpyNDArrayObjectToBuffer>("numpy.ndarray", f);
+
+    r.null = r.find("NULL");
+    r.buffer = r.find("<buffer>");
+    r.mapping = r.find("veltra.dictionary");
+}
+
+// ArrayType -> converter; one map for one-element arrays, one for all others.
+// Indexed by the kind's number; an empty slot is a kind without an entry.
+struct KindRegistries {
+    using Table = std::array<ToPythonPtr, foundation::veltradata::kMaxArrayType + 1>;
+    Table scalar, array;
+
+    template <typename C>
+    void addScalar(ArrayType t, const std::shared_ptr<ArrayFactory>& f) {
+        scalar[static_cast<std::size_t>(t)] = std::make_shared<C>(f);
+    }
+    template <typename C>
+    void addArray(ArrayType t, const std::shared_ptr<ArrayFactory>& f) {
+        array[static_cast<std::size_t>(t)] = std::make_shared<C>(f);
+    }
+};
+
+template <typename ScalarConverter>
+void addNumeric(KindRegistries& r, ArrayType real, const std::shared_ptr<ArrayFactory>& f) {
+    using detail::ConvertVDAToVCPyArray;
+    const ArrayType complex = foundation::veltradata::complexTypeOf(real);
+    r.addScalar<ScalarConverter>(real, f);
+    // The scalar converters read element 0 as complex for a complex kind and return a Python complex.
+    r.addScalar<ScalarConverter>(complex, f);
+    r.addArray<ConvertVDAToVCPyArray>(real, f);
+    r.addArray<ConvertVDAToVCPyArray>(complex, f);
+}
+
+void fillKindRegistries(KindRegistries& r, const std::shared_ptr<ArrayFactory>& f) {
+    using namespace detail;
+    r.addScalar<LogicalToPyBool>(ArrayType::LOGICAL, f);
+    r.addArray<ConvertVDAToVCPyArray>(ArrayType::LOGICAL, f);  // veltra.logical
+    r.addScalar<CharToPyStr>(ArrayType::CHAR, f);
+    r.addArray<CharToPyStr>(ArrayType::CHAR, f);
+    r.addScalar<VLStringToPyStr>(ArrayType::VELTRA_STRING, f);
+    r.addArray<VLStringToPyList>(ArrayType::VELTRA_STRING, f);
+    addNumeric<DoubleToPyFloat>(r, ArrayType::DOUBLE, f);
+    addNumeric<SingleToPyFloat>(r, ArrayType::SINGLE, f);
+    addNumeric<Int8ToPyLong>(r, ArrayType::INT8, f);
+    addNumeric<Uint8ToPyLong>(r, ArrayType::UINT8, f);
+    addNumeric<Int16ToPyLong>(r, ArrayType::INT16, f);
+    addNumeric<Uint16ToPyLong>(r, ArrayType::UINT16, f);
+    addNumeric<Int32ToPyLong>(r, ArrayType::INT32, f);
+    addNumeric<Uint32ToPyLong>(r, ArrayType::UINT32, f);
+    addNumeric<Int64ToPyLong>(r, ArrayType::INT64, f);
+    addNumeric<Uint64ToPyLong>(r, ArrayType::UINT64, f);
+    r.addScalar<CellToPyList>(ArrayType::CELL, f);
+    r.addArray<CellToPyList>(ArrayType::CELL, f);
+    r.addScalar<StructToPyDict>(ArrayType::STRUCT, f);
+    r.addArray<StructToPyDict>(ArrayType::STRUCT, f);
+    // Value objects (dates, durations, tables, dictionaries) and handle references: later work.
+    r.addScalar<ObjectsNotYetConvertible>(ArrayType::VALUE_OBJECT, f);
+    r.addArray<ObjectsNotYetConvertible>(ArrayType::VALUE_OBJECT, f);
+    r.addScalar<ObjectsNotYetConvertible>(ArrayType::HANDLE_OBJECT_REF, f);
+    r.addArray<ObjectsNotYetConvertible>(ArrayType::HANDLE_OBJECT_REF, f);
+}
+
+std::once_flag g_registriesOnce;
+TypeRegistry* g_types = nullptr;
+KindRegistries* g_kinds = nullptr;
+
+// Both directions' registries, filled together on first use and never changed (nor freed) afterwards.
+void ensureRegistries(const std::shared_ptr<ArrayFactory>& f) {
+    std::call_once(g_registriesOnce, [&f] {
+        auto types = std::make_unique<TypeRegistry>();
+        auto kinds = std::make_unique<KindRegistries>();
+        fillTypeRegistry(*types, f);
+        fillKindRegistries(*kinds, f);
+        g_types = types.release();
+        g_kinds = kinds.release();
+    });
+}
+
+}  // namespace
+
+namespace VDAPBConverter {
+
+Factory::Factory() : arrayFactory_(std::make_shared<foundation::veltradata::ClientArrayFactory>()) {}
+
+std::shared_ptr<Factory> Factory::instance() {
+    static const std::shared_ptr<Factory> factory = [] {
+        auto f = std::make_shared<Factory>();
+        ensureRegistries(f->arrayFactory());
+        return f;
+    }();
+    return factory;
+}
+
+std::shared_ptr<ConvertToVeltraDataArray> Factory::getConverter(PyObject* obj) {
+    ensureRegistries(arrayFactory_);
+    const TypeRegistry& r = *g_types;
+    if (!obj) return r.null;
+
+    PyTypeObject* type = Py_TYPE(obj);
+    for (const auto& [builtin, converter] : r.builtins)
+        if (type == builtin) return converter;
+
+    const std::optional<std::string> name = detail::pythonTypeName(obj);
+    if (!name) return r.null;
+    if (ToArrayPtr converter = r.find(*name)) return converter;
+
+    const VeltraArrayCapi* capi = detail::capsule();
+    if (!capi) {
+        PyErr_SetString(PyExc_TypeError, kCapsuleIsNull.c_str());
+        return nullptr;
+    }
+    if (capi->is_buffer(obj)) return r.buffer;
+    if (PyMapping_Check(obj)) return r.mapping;
+    PyErr_SetString(PyExc_TypeError, detail::unsupportedTypeText(*name).c_str());
+    return nullptr;
+}
+
+std::shared_ptr<ConvertVDAToPyObject> Factory::getConverter(const Array& a, bool forceScalar) {
+    ensureRegistries(arrayFactory_);
+    if (foundation::veltradata::isSparse(a)) {
+        PyErr_SetString(PyExc_TypeError, kSparse.c_str());
+        return nullptr;
+    }
+    const ArrayType type = a.getType();
+    const auto& registry = (!forceScalar && a.getNumberOfElements() != 1) ? g_kinds->array : g_kinds->scalar;
+    const int index = static_cast<int>(type);
+    const ToPythonPtr converter =
+        foundation::veltradata::isValidArrayType(index) ? registry[static_cast<std::size_t>(index)] : nullptr;
+    if (!converter) PyErr_SetString(PyExc_TypeError, unsupportedKindText(type).c_str());
+    return converter;
+}
+
+}  // namespace VDAPBConverter
+
+namespace detail {
+
+std::optional<Array> convertToArray(PyObject* obj, const ConversionState& state) {
+    const std::shared_ptr<ConvertToVeltraDataArray> converter = VDAPBConverter::Factory::instance()->getConverter(obj);
+    if (!converter) return std::nullopt;
+    std::optional<Array> result = converter->convert(obj, state);
+    if (!result) return std::nullopt;
+    // The scalar converters leave the C API's error in place (OverflowError with -1, a truth test's error
+    // with true): the pending error is the outcome, not the placeholder value.
+    if (PyErr_Occurred()) return std::nullopt;
+    if (result->getType() == ArrayType::UNKNOWN) {
+        std::optional<std::string> name = obj ? pythonTypeName(obj) : std::nullopt;
+        if (name) PyErr_SetString(PyExc_TypeError, unsupportedTypeText(*name).c_str());
+        return std::nullopt;
+    }
+    return result;
+}
+
+PyObject* convertToPython(const Array& a) {
+    const std::shared_ptr<ConvertVDAToPyObject> converter = VDAPBConverter::Factory::instance()->getConverter(a, false);
+    if (!converter) return nullptr;
+    return converter->convert(a);
+}
+
+PyObject* toPython(const Array& a) {
+    const ArrayType type = a.getType();
+    if (foundation::veltradata::isSparseType(type)) {
+        PyErr_SetString(PyExc_TypeError, kSparse.c_str());
+        return nullptr;
+    }
+    if (type == ArrayType::UNKNOWN || type == ArrayType::ENUM) {
+        PyErr_SetString(PyExc_TypeError, unsupportedKindText(type).c_str());
+        return nullptr;
+    }
+    return convertToPython(a);
+}
+
+}  // namespace detail
+
+}  // namespace PythonVeltraDataArray

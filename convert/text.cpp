@@ -1,0 +1,94 @@
+#include "convert/text.h"
+
+#include <cstring>
+
+#include "convert/py_ref.h"
+
+namespace PythonVeltraDataArray::detail {
+
+using foundation::veltradata::CharArray;
+using foundation::veltradata::TypedArray;
+using foundation::veltradata::VeltraString;
+
+namespace {
+
+const std::string kCharShape = "char arrays returned from VELTRA must be 1-by-N or M-by-1";
+// The trailing blank is part of the message.
+const std::string kStringShape = "string arrays returned from VELTRA must be 1-by-N or M-by-1 ";
+
+// Strict errors; native order, a leading byte-order mark is taken as one (and dropped).
+PyObject* decodeUtf16(const std::u16string& text) {
+    return PyUnicode_DecodeUTF16(reinterpret_cast<const char*>(text.data()),
+                                 static_cast<Py_ssize_t>(2 * text.size()), nullptr, nullptr);
+}
+
+}  // namespace
+
+bool isRowOrColumn(const Array& a) {
+    const auto& dims = a.getDimensions();
+    if (dims.size() > 2) return false;
+    return !(dims.size() == 2 && dims[0] >= 2 && dims[1] > 1);
+}
+
+std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj) {
+    if (!obj) return std::nullopt;
+    PyRef bytes = PyRef::steal(PyUnicode_AsUTF16String(obj));
+    if (!bytes) return std::nullopt;
+    const char* data = PyBytes_AsString(bytes.get());
+    if (!data) return std::nullopt;
+    Py_ssize_t size = PyBytes_Size(bytes.get());
+    if (size >= 2) {  // the codec always writes a byte-order mark first
+        data += 2;
+        size -= 2;
+    }
+    std::u16string out(static_cast<std::size_t>(size / 2), u'\0');
+    if (!out.empty()) std::memcpy(out.data(), data, out.size() * sizeof(char16_t));
+    return out;
+}
+
+std::optional<Array> PyStrToCharOrString::convert(PyObject* obj, const ConversionState& state) {
+    if (!obj) return std::nullopt;
+    std::optional<std::u16string> text = pyUnicodeToUtf16(obj);
+    if (!text) return std::nullopt;
+    if (!state.allowString || !state.notNested) return std::move(factory().createCharArray(*text));
+    return factory().createScalar(*text);
+}
+
+PyObject* CharToPyStr::convert(const Array& a) {
+    if (!isRowOrColumn(a)) {
+        PyErr_SetString(PyExc_ValueError, kCharShape.c_str());
+        return nullptr;
+    }
+    return decodeUtf16(CharArray(a).toUTF16());
+}
+
+PyObject* VLStringToPyStr::convert(const Array& a) {
+    const VeltraString element = TypedArray<VeltraString>(a)[index_];
+    if (!element) Py_RETURN_NONE;
+    return decodeUtf16(*element);
+}
+
+PyObject* VLStringToPyList::convert(const Array& a) {
+    if (!isRowOrColumn(a)) {
+        PyErr_SetString(PyExc_ValueError, kStringShape.c_str());
+        return nullptr;
+    }
+    const TypedArray<VeltraString> strings(a);
+    const std::uint64_t n = strings.getNumberOfElements();
+    PyRef list = PyRef::steal(PyList_New(static_cast<Py_ssize_t>(n)));
+    if (!list) return nullptr;
+    for (std::uint64_t i = 0; i < n; ++i) {
+        const VeltraString element = strings[i];
+        PyObject* item = nullptr;
+        if (element) {
+            item = decodeUtf16(*element);
+            if (!item) return nullptr;
+        } else {
+            item = Py_NewRef(Py_None);
+        }
+        PyList_SetItem(list.get(), static_cast<Py_ssize_t>(i), item);  // steals item
+    }
+    return list.release();
+}
+
+}  // namespace PythonVeltraDataArray::detail

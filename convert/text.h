@@ -1,0 +1,54 @@
+// Python str <-> CHAR and VELTRA_STRING arrays. Text crosses as UTF-16 code units both ways.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "convert/converter.h"
+
+namespace PythonVeltraDataArray::detail {
+
+// The UTF-16 code units of a str, without the byte-order mark. Nothing for a null object, and nothing with
+// the codec's error pending for text UTF-16 cannot carry (a lone surrogate).
+std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj);
+
+// str -> 1-by-N CHAR array, or a 1-by-1 VELTRA_STRING array when state.allowString and state.notNested are
+// both set. Absent with the codec's error pending for a lone surrogate.
+class PyStrToCharOrString final : public ConvertToVeltraDataArray {
+public:
+    using ConvertToVeltraDataArray::ConvertToVeltraDataArray;
+    std::optional<Array> convert(PyObject* obj, const ConversionState& state) override;
+};
+
+// CHAR array (1-by-N, M-by-1, or empty 2-D) -> str in linear order. ValueError for other shapes; the codec's
+// error for an unpaired surrogate.
+class CharToPyStr final : public ConvertVDAToPyObject {
+public:
+    using ConvertVDAToPyObject::ConvertVDAToPyObject;
+    PyObject* convert(const Array& a) override;
+};
+
+// One element of a VELTRA_STRING array -> str, or None when the element is missing.
+class VLStringToPyStr final : public ConvertVDAToPyObject {
+public:
+    VLStringToPyStr(std::shared_ptr<ArrayFactory> factory, std::uint64_t index = 0)
+        : ConvertVDAToPyObject(std::move(factory)), index_(index) {}
+    PyObject* convert(const Array& a) override;
+
+private:
+    std::uint64_t index_;
+};
+
+// VELTRA_STRING array (1-by-N, M-by-1, or empty 2-D) -> list of str / None.
+class VLStringToPyList final : public ConvertVDAToPyObject {
+public:
+    using ConvertVDAToPyObject::ConvertVDAToPyObject;
+    PyObject* convert(const Array& a) override;
+};
+
+// Shared by the text and the container converters: at most two dimensions, and not both more than one row
+// and more than one column. 1-by-N, M-by-1, 1-by-1, 0-by-0 and 0-by-N pass; 2-by-2 and every N-D array fail.
+bool isRowOrColumn(const Array& a);
+
+}  // namespace PythonVeltraDataArray::detail

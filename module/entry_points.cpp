@@ -1,0 +1,123 @@
+#include "module/entry_points.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <optional>
+#include <string>
+
+#include "convert/dispatch.h"
+#include "convert/py_ref.h"
+#include "envelope/call_messages.h"
+#include "module/keywords.h"
+
+namespace PythonVeltraDataArray::module {
+
+using detail::Array;
+using detail::ConversionState;
+using detail::PyRef;
+
+namespace {
+
+const char* const kInvalidModule = "Invalid module";
+const char* const kModuleIsNull = "Module is null";
+const char* const kArgsIsNull = "args is null";
+const char* const kArgsInvalid = "args invalid";
+const char* const kOnePositional = "py_to_serialized_str requires exactly one positional argument";
+const char* const kNullObject = "passing null Python object pointer to VELTRA not supported";
+const char* const kUnknownException = "Unknown exception";
+const char* const kReadFailed = "Exception thrown from protobuf2vdata with the following content:";
+
+PyObject* fail(PyObject* type, const char* text) {
+    PyErr_SetString(type, text);
+    return nullptr;
+}
+
+// Building parameters, start to end: the argument's conversion and the message. The whole argument is
+// converted as the top level (ConversionState::topLevel(), the one place that sets it): a tuple's or list's
+// elements then get their container's state, so every str argument travels as a char array; a str passed
+// alone would be a string scalar but is refused like every non-container argument, since the parameters
+// need a cell of arguments.
+PyObject* buildParams(PyObject* obj, std::int32_t nargout) {
+    const std::optional<Array> args = detail::convertToArray(obj, ConversionState::topLevel());
+    if (!args) return nullptr;
+
+    const foundation::protobuf::common::ParamsMessage message(*args, nargout);
+    const std::size_t size = message.byteSize();
+    if (size > static_cast<std::size_t>(PY_SSIZE_T_MAX)) return fail(PyExc_ValueError, "The parameters message is too large.");
+    // Sized first, then written once straight into the bytes object that is returned.
+    PyRef bytes = PyRef::steal(PyBytes_FromStringAndSize(nullptr, static_cast<Py_ssize_t>(size)));
+    if (!bytes) return nullptr;
+    message.writeTo(reinterpret_cast<std::uint8_t*>(PyBytes_AsString(bytes.get())));
+    return bytes.release();
+}
+
+}  // namespace
+
+PyObject* pyToSerializedStr(PyObject* module, PyObject* args, PyObject* kwargs) noexcept {
+    try {
+        if (!module) return fail(PyExc_ValueError, kInvalidModule);
+        const KeywordOptions options = parseKeywords(kwargs, Direction::ToBytes);
+        if (options.failed) return nullptr;
+        if (!args || PyTuple_Size(args) != 1) return fail(PyExc_TypeError, kOnePositional);
+        PyObject* obj = PyTuple_GetItem(args, 0);
+        if (!obj) {
+            PyErr_Clear();
+            return fail(PyExc_RuntimeError, kNullObject);
+        }
+        return buildParams(obj, options.nargout);
+    } catch (const std::exception& e) {
+        return fail(PyExc_ValueError, e.what());
+    } catch (...) {
+        return fail(PyExc_ValueError, kUnknownException);
+    }
+}
+
+PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) noexcept {
+    try {
+        if (!module) return fail(PyExc_ValueError, kModuleIsNull);
+        if (!args) return fail(PyExc_ValueError, kArgsIsNull);
+
+        Py_buffer view;
+        if (!PyArg_ParseTuple(args, "y*", &view)) {
+            PyErr_Clear();
+            return fail(PyExc_ValueError, kArgsInvalid);
+        }
+        // Our own copy; the caller's buffer is let go before anything else runs.
+        std::string data;
+        try {
+            data.assign(static_cast<const char*>(view.buf), static_cast<std::size_t>(view.len));
+        } catch (...) {
+            PyBuffer_Release(&view);
+            throw;
+        }
+        PyBuffer_Release(&view);
+
+        const KeywordOptions options = parseKeywords(kwargs, Direction::FromBytes);
+        if (options.failed) return nullptr;
+
+        // A result that cannot be read is reported on standard error only, and the function returns null
+        // with no Python exception set: that is how this function has always behaved, unlike the building
+        // direction, and callers rely on it.
+        Array result;
+        try {
+            result = foundation::protobuf::common::readResult(data);
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "%s\n%s\n", kReadFailed, e.what());
+            std::fflush(stderr);
+            return nullptr;
+        } catch (...) {
+            std::fputs("unknown exception\n", stderr);
+            std::fflush(stderr);
+            return nullptr;
+        }
+        // Failures while converting what was read are ordinary Python errors.
+        return detail::toPython(result);
+    } catch (const std::exception& e) {
+        return fail(PyExc_ValueError, e.what());
+    } catch (...) {
+        return fail(PyExc_ValueError, kUnknownException);
+    }
+}
+
+}  // namespace PythonVeltraDataArray::module

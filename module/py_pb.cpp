@@ -1,0 +1,110 @@
+// The module py_pb: its definition and initialisation.
+#include <Python.h>
+
+#include <stdexcept>
+#include <string>
+
+#include "convert/module_state.h"
+#include "convert/py_ref.h"
+#include "module/entry_points.h"
+#include "veltra_capi.h"
+
+namespace {
+
+using PythonVeltraDataArray::detail::PyRef;
+
+// The Python text of an object for a message; "" when it cannot be printed.
+std::string textOf(PyObject* obj) {
+    PyRef s = PyRef::steal(PyObject_Str(obj));
+    const char* utf8 = s ? PyUnicode_AsUTF8AndSize(s.get(), nullptr) : nullptr;
+    if (!utf8) {
+        PyErr_Clear();
+        return std::string();
+    }
+    return utf8;
+}
+
+// Step 2: the typed array package, its capsule (the function table the numeric converters use) and its
+// `double` type. Throws std::runtime_error with the step's message, leaving no Python error behind.
+void importArrayPackage() {
+    PyRef package = PyRef::steal(PyImport_ImportModule("veltramultidimarrayforpython"));
+    if (!package) {
+        PyErr_Clear();
+        std::string message = "Unable to import veltramultidimarrayforpython; sys.path: \n";
+        PyObject* path = PySys_GetObject("path");  // borrowed
+        if (path && PyList_Check(path)) {
+            for (Py_ssize_t i = 0, n = PyList_Size(path); i < n; ++i)
+                message += textOf(PyList_GetItem(path, i)) + "\n";
+        }
+        throw std::runtime_error(message);
+    }
+
+    void* table = PyCapsule_Import(VELTRA_CAPI_CAPSULE_NAME, 0);
+    if (!table) {
+        PyErr_Clear();
+        throw std::runtime_error("Unable to import capsule");
+    }
+
+    PyObject* doubleType = PyObject_GetAttrString(package.get(), "double");
+    if (!doubleType) {
+        PyErr_Clear();
+        throw std::runtime_error("unable to retrieve type object 'double'");
+    }
+    PythonVeltraDataArray::detail::setCapsule(static_cast<const VeltraArrayCapi*>(table));
+    PythonVeltraDataArray::detail::setPackageDoubleType(doubleType);  // kept for the life of the process
+}
+
+PyObject* py_to_serialized_str(PyObject* module, PyObject* args, PyObject* kwargs) {
+    return PythonVeltraDataArray::module::pyToSerializedStr(module, args, kwargs);
+}
+
+PyObject* serialized_str_to_py(PyObject* module, PyObject* args, PyObject* kwargs) {
+    return PythonVeltraDataArray::module::serializedStrToPy(module, args, kwargs);
+}
+
+PyMethodDef g_methods[] = {
+    {"py_to_serialized_str", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(py_to_serialized_str)),
+     METH_VARARGS | METH_KEYWORDS, "Convert tuple of Python objects to protobuf-serialized byte string."},
+    {"serialized_str_to_py", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(serialized_str_to_py)),
+     METH_VARARGS | METH_KEYWORDS, "Convert protobuf-serialized byte string to tuple of Python objects."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+// No per-module state (size -1): what the module keeps is process-wide (module_state.h, the registries).
+PyModuleDef g_module = {
+    PyModuleDef_HEAD_INIT,
+    "py_pb",
+    "py_pb",
+    -1,
+    g_methods,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+};
+
+}  // namespace
+
+PyMODINIT_FUNC PyInit_py_pb(void) {
+    try {
+        // Step 1 goes here: inject the types `object` and `dictionary` (and ready the dictionary iterator)
+        // into the package `veltra`, once per process. It arrives together with those types.
+
+        importArrayPackage();  // step 2
+    } catch (const std::exception& e) {
+        PyErr_SetString(PyExc_ValueError, (std::string("Unable to initialize py_pb. Details: ") + e.what()).c_str());
+        return nullptr;
+    } catch (...) {
+        PyErr_SetString(PyExc_ValueError, "Unable to initialize py_pb. Details: Unknown exception");
+        return nullptr;
+    }
+
+    // Step 3.
+    PyObject* module = PyModule_Create2(&g_module, 1013);
+    if (!module) {
+        PyErr_Clear();
+        PyErr_SetString(PyExc_ValueError, "Unable to create module");
+        return nullptr;
+    }
+    return module;
+}
