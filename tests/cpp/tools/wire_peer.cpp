@@ -242,8 +242,18 @@ void writeSeeds(const std::string& dir) {
     auto put = [&](const std::string& name, const std::string& bytes) {
         std::ofstream(dir + "/" + name, std::ios::binary) << bytes;
     };
-    for (const char* c : {"numeric", "shapes", "text", "containers", "objects", "sparse"}) put(std::string(c) + ".bin", resultOf(argumentsOf(c)));
-    put("empty.bin", "");
+    ClientArrayFactory f;
+    for (const char* c : {"numeric", "shapes", "text", "containers", "objects", "sparse"}) {
+        std::vector<Array> args = argumentsOf(c);
+        put(std::string("result_") + c + ".bin", resultOf(args));
+        // The same arguments as one cell array, for the decoder on its own.
+        const std::uint64_t n = args.size();
+        const Array cell = f.createCellArray({1, n}, std::move(args));
+        std::string body(foundation::veltradata::protobuf::encodedSize(cell), '\0');
+        foundation::veltradata::protobuf::encodeArray(cell, reinterpret_cast<std::uint8_t*>(body.data()));
+        put(std::string("array_") + c + ".bin", body);
+    }
+    put("result_empty.bin", "");
     pc::VELTRA_Result r;
     r.add_lhs();
     pc::VELTRA_Error* e = r.mutable_error();
@@ -255,7 +265,7 @@ void writeSeeds(const std::string& dir) {
         s->set_name(i ? "g" : "f");
         s->set_line(3 + 4 * i);
     }
-    put("error.bin", r.SerializeAsString());
+    put("result_error.bin", r.SerializeAsString());
 }
 
 }  // namespace
