@@ -1,0 +1,126 @@
+#include "capi.h"
+
+#include <string>
+
+#include "buffer_source.h"
+#include "typed_array.h"
+#include "veltradata/impl.h"
+
+namespace veltra::arraypkg {
+
+namespace {
+
+bool isElementKind(ArrayType t) {
+    return t == ArrayType::LOGICAL || foundation::veltradata::isRealNumericType(t) ||
+           foundation::veltradata::isComplexType(t);
+}
+
+// Entry 0.
+PyObject* wrapEntry(void* handle) {
+    if (!handle) {
+        PyErr_SetString(PyExc_ValueError, "null array implementation handle");
+        return nullptr;
+    }
+    try {
+        return wrapArray(Array(static_cast<veltra::data::ArrayImpl*>(handle)));  // adopts the caller's hold
+    } catch (...) {
+        setErrorFromCurrentException();
+        return nullptr;
+    }
+}
+
+// Entry 1.
+void* getArrayEntry(PyObject* obj, PyObject* /*owner: package objects and handles keep their own holds*/,
+                    uint32_t arrayType) {
+    try {
+        if (!obj) raise(PyExc_TypeError, "null object");
+        Array a;
+        std::vector<std::uint64_t> shape;
+        if (isPackageObject(obj)) {
+            a = arrayOf(obj);
+            shape = bodyOf(obj).shape;
+        } else if (isBufferHandle(obj)) {
+            BufferFormat format;
+            const Py_buffer* view = handleBuffer(obj, format);
+            if (!view) raise(PyExc_ValueError, "the buffer handle was already released");
+            a = copyBuffer(*view, format);
+            shape = bufferShape(*view);
+        } else {
+            raise(PyExc_TypeError, "an object of type " + typeName(obj) + " is neither a typed array nor a buffer handle");
+        }
+        const ArrayType want = arrayType == 0 ? a.getType() : static_cast<ArrayType>(arrayType);
+        if (arrayType > static_cast<uint32_t>(foundation::veltradata::kMaxArrayType) || !isElementKind(want))
+            raise(PyExc_TypeError, "array type " + std::to_string(arrayType) + " is not a numeric or logical type");
+        if (a.getType() != want) {
+            try {
+                a = convertArray(a, want);
+            } catch (const ElementError& e) {
+                setElementError(e, shape);
+                throw PyErrorSet{};
+            }
+        }
+        return a.releaseImpl();
+    } catch (...) {
+        setErrorFromCurrentException();
+        return nullptr;
+    }
+}
+
+// Replaces the pending error with TypeError(prefix + its text), keeping it as the cause.
+void replaceWithTypeError(const std::string& prefix) {
+    PyObject *t, *v, *tb;
+    PyErr_Fetch(&t, &v, &tb);
+    PyErr_NormalizeException(&t, &v, &tb);
+    Ref type = Ref::steal(t), cause = Ref::steal(v), traceback = Ref::steal(tb);
+    std::string text = "unknown error";
+    if (cause) {
+        if (traceback) PyException_SetTraceback(cause.get(), traceback.get());
+        Ref str = Ref::steal(PyObject_Str(cause.get()));
+        const char* c = str ? PyUnicode_AsUTF8AndSize(str.get(), nullptr) : nullptr;
+        if (c) text = c;
+        PyErr_Clear();
+    }
+    PyErr_SetString(PyExc_TypeError, (prefix + text).c_str());
+    if (!cause) return;
+    PyErr_Fetch(&t, &v, &tb);
+    PyErr_NormalizeException(&t, &v, &tb);
+    if (v) PyException_SetCause(v, cause.release());  // steals
+    PyErr_Restore(t, v, tb);
+}
+
+// Entry 2.
+PyObject* acquireEntry(PyObject* obj, uint32_t* arrayType) {
+    if (!obj) {
+        PyErr_SetString(PyExc_TypeError, "null object");
+        return nullptr;
+    }
+    ArrayType kind = ArrayType::UNKNOWN;
+    PyObject* handle = newBufferHandle(obj, kind);
+    if (!handle) {
+        // Exporters refuse some formats outright (numpy's datetime64, for one) with their own exception
+        // types; every format the caller cannot carry is a TypeError here.
+        if (!PyErr_ExceptionMatches(PyExc_TypeError) && !PyErr_ExceptionMatches(PyExc_MemoryError))
+            replaceWithTypeError("cannot read an object of type " + typeName(obj) + " as a buffer: ");
+        return nullptr;
+    }
+    if (arrayType) *arrayType = static_cast<uint32_t>(kind);
+    return handle;
+}
+
+// Entry 3.
+void releaseEntry(PyObject* handle) {
+    if (!handle) return;
+    if (isBufferHandle(handle)) releaseHandleBuffer(handle);
+    Py_DECREF(handle);
+}
+
+// Entry 4.
+int isBufferEntry(PyObject* obj) { return obj && PyObject_CheckBuffer(obj) ? 1 : 0; }
+
+const VeltraArrayCapi kTable = {wrapEntry, getArrayEntry, acquireEntry, releaseEntry, isBufferEntry};
+
+}  // namespace
+
+const VeltraArrayCapi* capiTable() noexcept { return &kTable; }
+
+}  // namespace veltra::arraypkg

@@ -1,0 +1,85 @@
+#include "common.h"
+
+#include <exception>
+#include <new>
+#include <stdexcept>
+
+#include "convert.h"
+#include "veltradata/errors.h"
+
+namespace veltra::arraypkg {
+
+void setErrorFromCurrentException() noexcept {
+    try {
+        throw;
+    } catch (const PyErrorSet&) {
+        if (!PyErr_Occurred()) PyErr_SetString(PyExc_SystemError, "error reported without an exception set");
+    } catch (const ElementError& e) {
+        // Callers that know the shape report these themselves; this is the shapeless fallback.
+        PyErr_SetString(e.typeError ? PyExc_TypeError : PyExc_ValueError, ("value " + e.value + " " + e.reason).c_str());
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+    } catch (const foundation::veltradata::IndexOutOfRangeException& e) {
+        PyErr_SetString(PyExc_IndexError, e.what());
+    } catch (const foundation::veltradata::DimensionsOverflowException& e) {
+        PyErr_SetString(PyExc_ValueError, e.what());
+    } catch (const foundation::veltradata::TypeMismatchException& e) {
+        PyErr_SetString(PyExc_TypeError, e.what());
+    } catch (const std::invalid_argument& e) {
+        PyErr_SetString(PyExc_TypeError, e.what());
+    } catch (const std::exception& e) {
+        PyErr_SetString(PyExc_ValueError, e.what());
+    } catch (...) {
+        PyErr_SetString(PyExc_SystemError, "unknown C++ exception");
+    }
+}
+
+std::string typeName(PyObject* obj) {
+    PyTypeObject* type = Py_TYPE(obj);
+    std::string out;
+    Ref module = Ref::steal(PyObject_GetAttrString(reinterpret_cast<PyObject*>(type), "__module__"));
+    if (module && PyUnicode_Check(module.get())) {
+        const char* m = PyUnicode_AsUTF8AndSize(module.get(), nullptr);
+        if (m && std::string(m) != "builtins") out = std::string(m) + ".";
+    }
+    PyErr_Clear();
+    Ref name = Ref::steal(PyType_GetQualName(type));
+    const char* n = name ? PyUnicode_AsUTF8AndSize(name.get(), nullptr) : nullptr;
+    PyErr_Clear();
+    return out + (n ? n : "?");
+}
+
+std::string formatIndex(const std::vector<std::uint64_t>& index) {
+    std::string out = "(";
+    for (std::size_t k = 0; k < index.size(); ++k) {
+        if (k) out += ", ";
+        out += std::to_string(index[k]);
+    }
+    if (index.size() == 1) out += ",";
+    return out + ")";
+}
+
+std::string formatDims(const std::vector<std::uint64_t>& dims) { return formatIndex(dims); }
+
+std::string reprOf(PyObject* obj) {
+    Ref r = Ref::steal(PyObject_Repr(obj));
+    const char* s = r ? PyUnicode_AsUTF8AndSize(r.get(), nullptr) : nullptr;
+    if (!s) {
+        PyErr_Clear();
+        return "<unprintable>";
+    }
+    return s;
+}
+
+std::string formatDouble(double v) {
+    char* s = PyOS_double_to_string(v, 'r', 0, Py_DTSF_ADD_DOT_0, nullptr);
+    if (!s) {
+        PyErr_Clear();
+        return std::to_string(v);
+    }
+    std::string out(s);
+    PyMem_Free(s);
+    return out;
+}
+
+}  // namespace veltra::arraypkg

@@ -1,0 +1,180 @@
+#include "strided_copy.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <stdexcept>
+#include <cstring>
+#include <vector>
+
+namespace veltra::arraypkg {
+
+namespace {
+
+struct Dim {
+    std::int64_t n;
+    std::int64_t ds;  // destination stride, bytes
+    std::int64_t ss;  // source stride, bytes
+};
+
+template <std::size_t E>
+struct Item {
+    unsigned char b[E];
+};
+
+template <std::size_t C>
+inline void swapComponent(unsigned char* p) {
+    if constexpr (C == 2) {
+        std::uint16_t v;
+        std::memcpy(&v, p, 2);
+        v = __builtin_bswap16(v);
+        std::memcpy(p, &v, 2);
+    } else if constexpr (C == 4) {
+        std::uint32_t v;
+        std::memcpy(&v, p, 4);
+        v = __builtin_bswap32(v);
+        std::memcpy(p, &v, 4);
+    } else if constexpr (C == 8) {
+        std::uint64_t v;
+        std::memcpy(&v, p, 8);
+        v = __builtin_bswap64(v);
+        std::memcpy(p, &v, 8);
+    }
+}
+
+// One element; with Swap, each C-byte component is byte-reversed.
+template <std::size_t E, std::size_t C, bool Swap>
+inline void copyOne(unsigned char* d, const unsigned char* s) {
+    if constexpr (!Swap || C == 1) {
+        std::memcpy(d, s, E);
+    } else {
+        Item<E> v;
+        std::memcpy(&v, s, E);
+        for (std::size_t k = 0; k < E; k += C) swapComponent<C>(v.b + k);
+        std::memcpy(d, &v, E);
+    }
+}
+
+template <std::size_t E, std::size_t C, bool Swap>
+inline void copyRun(unsigned char* d, std::int64_t ds, const unsigned char* s, std::int64_t ss, std::int64_t n) {
+    if (!Swap && ds == static_cast<std::int64_t>(E) && ss == static_cast<std::int64_t>(E)) {
+        std::memcpy(d, s, static_cast<std::size_t>(n) * E);
+        return;
+    }
+    for (std::int64_t i = 0; i < n; ++i, d += ds, s += ss) copyOne<E, C, Swap>(d, s);
+}
+
+// Square tiles of this many elements per side keep both the source lines and the destination lines of a
+// transposing copy in the first-level cache while the tile is worked through.
+template <std::size_t E>
+constexpr std::int64_t kTile = E >= 8 ? 32 : 64;
+
+// A transposing copy of one 2-D slab: `a` runs along the destination, `b` along the source.
+template <std::size_t E, std::size_t C, bool Swap>
+void copyTiled(unsigned char* d, const unsigned char* s, const Dim& a, const Dim& b) {
+    constexpr std::int64_t T = kTile<E>;
+    for (std::int64_t jb = 0; jb < b.n; jb += T) {
+        const std::int64_t je = std::min(b.n, jb + T);
+        for (std::int64_t ib = 0; ib < a.n; ib += T) {
+            const std::int64_t ie = std::min(a.n, ib + T);
+            for (std::int64_t j = jb; j < je; ++j) {
+                unsigned char* dd = d + j * b.ds + ib * a.ds;
+                const unsigned char* ss = s + j * b.ss + ib * a.ss;
+                for (std::int64_t i = ib; i < ie; ++i, dd += a.ds, ss += a.ss) copyOne<E, C, Swap>(dd, ss);
+            }
+        }
+    }
+}
+
+template <std::size_t E, std::size_t C, bool Swap>
+void run(unsigned char* dst, const unsigned char* src, std::vector<Dim>& dims) {
+    // dims[0] is the destination's fastest dimension. When some other dimension is faster in the source,
+    // work through 2-D tiles of the two; every remaining dimension is walked by an odometer.
+    std::size_t inner = 0;
+    for (std::size_t k = 1; k < dims.size(); ++k)
+        if (std::llabs(dims[k].ss) < std::llabs(dims[inner].ss)) inner = k;
+    const bool tiled = inner != 0 && dims[0].n > 1;
+
+    std::vector<Dim> outer;
+    for (std::size_t k = 1; k < dims.size(); ++k)
+        if (!(tiled && k == inner)) outer.push_back(dims[k]);
+    std::vector<std::int64_t> count(outer.size(), 0);
+
+    for (;;) {
+        if (tiled) {
+            copyTiled<E, C, Swap>(dst, src, dims[0], dims[inner]);
+        } else {
+            copyRun<E, C, Swap>(dst, dims[0].ds, src, dims[0].ss, dims[0].n);
+        }
+        std::size_t k = 0;
+        for (; k < outer.size(); ++k) {
+            dst += outer[k].ds;
+            src += outer[k].ss;
+            if (++count[k] < outer[k].n) break;
+            dst -= outer[k].ds * outer[k].n;
+            src -= outer[k].ss * outer[k].n;
+            count[k] = 0;
+        }
+        if (k == outer.size()) return;
+    }
+}
+
+template <std::size_t E, std::size_t C>
+void dispatchSwap(unsigned char* dst, const unsigned char* src, std::vector<Dim>& dims, bool swap) {
+    if (swap) run<E, C, true>(dst, src, dims);
+    else run<E, E, false>(dst, src, dims);
+}
+
+}  // namespace
+
+void columnMajorStrides(const std::int64_t* shape, int ndim, std::size_t itemsize, std::int64_t* out) {
+    std::int64_t s = static_cast<std::int64_t>(itemsize);
+    for (int k = 0; k < ndim; ++k) {
+        out[k] = s;
+        s *= shape[k];
+    }
+}
+
+void stridedCopy(std::uint8_t* dst, const std::int64_t* dstStrides, const std::uint8_t* src,
+                 const std::int64_t* srcStrides, const std::int64_t* shape, int ndim, std::size_t itemsize,
+                 std::size_t component, bool swap) {
+    std::vector<Dim> dims;
+    dims.reserve(static_cast<std::size_t>(ndim) + 1);
+    for (int k = 0; k < ndim; ++k) {
+        if (shape[k] == 0) return;
+        if (shape[k] != 1) dims.push_back({shape[k], dstStrides[k], srcStrides[k]});
+    }
+    // Walk in destination order, and fuse dimensions that are contiguous on both sides into longer runs.
+    std::stable_sort(dims.begin(), dims.end(),
+                     [](const Dim& x, const Dim& y) { return std::llabs(x.ds) < std::llabs(y.ds); });
+    std::vector<Dim> fused;
+    for (const Dim& d : dims) {
+        if (!fused.empty()) {
+            Dim& f = fused.back();
+            if (d.ds == f.ds * f.n && d.ss == f.ss * f.n) {
+                f.n *= d.n;
+                continue;
+            }
+        }
+        fused.push_back(d);
+    }
+    if (fused.empty()) fused.push_back({1, static_cast<std::int64_t>(itemsize), static_cast<std::int64_t>(itemsize)});
+
+    if (component == 0 || component > itemsize) component = itemsize;
+    switch (itemsize) {
+        case 1: run<1, 1, false>(dst, src, fused); break;
+        case 2: dispatchSwap<2, 2>(dst, src, fused, swap); break;
+        case 4:
+            if (component == 2) dispatchSwap<4, 2>(dst, src, fused, swap);
+            else dispatchSwap<4, 4>(dst, src, fused, swap);
+            break;
+        case 8:
+            if (component == 4) dispatchSwap<8, 4>(dst, src, fused, swap);
+            else dispatchSwap<8, 8>(dst, src, fused, swap);
+            break;
+        case 16: dispatchSwap<16, 8>(dst, src, fused, swap); break;
+        default: throw std::invalid_argument("unsupported element size");
+    }
+}
+
+}  // namespace veltra::arraypkg
