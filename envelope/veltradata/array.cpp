@@ -270,7 +270,7 @@ const Array& ValueObject::operator[](const VeltraPropertyIdentifier& id) const {
 Array& ValueObject::operator[](const VeltraPropertyIdentifier& id) {
     for (Property& p : props_)
         if (p.getIdentifier() == id) return p.getValue();
-    props_.emplace_back(id, Array());
+    props_.emplace_back(id, emptyArray());
     return props_.back().getValue();
 }
 

@@ -50,6 +50,12 @@ std::vector<T> sizedVector(std::uint64_t n) {
     return std::vector<T>(static_cast<std::size_t>(n));
 }
 
+std::vector<Array> emptyArrays(std::uint64_t n) {
+    std::vector<Array> v = sizedVector<Array>(n);
+    std::fill(v.begin(), v.end(), emptyArray());
+    return v;
+}
+
 std::size_t rawBytes(ArrayType type, std::uint64_t numel) {
     const std::size_t es = elementSize(type);
     if (numel > std::numeric_limits<std::size_t>::max() / es)
@@ -70,13 +76,19 @@ Array make(ArrayType type, Dims dims, std::uint64_t numel, Storage storage) {
 
 }  // namespace
 
+const Array& emptyArray() {
+    // Never destroyed: arrays in other static objects may still hold it at exit.
+    static const Array* const kEmpty = new Array(make(ArrayType::DOUBLE, {0, 0}, 0, AlignedBuffer()));
+    return *kEmpty;
+}
+
 Array ArrayFactory::createArray(ArrayType type, Dims dims) {
     dims = normalizeDims(std::move(dims));
     const std::uint64_t n = numberOfElements(dims);
     if (isRawBufferType(type)) return make(type, std::move(dims), n, AlignedBuffer(rawBytes(type, n), true));
     switch (type) {
         case ArrayType::VELTRA_STRING: return make(type, std::move(dims), n, sizedVector<VeltraString>(n));
-        case ArrayType::CELL: return make(type, std::move(dims), n, sizedVector<Array>(n));
+        case ArrayType::CELL: return make(type, std::move(dims), n, emptyArrays(n));
         case ArrayType::STRUCT: return make(type, std::move(dims), n, StructStorage{});
         case ArrayType::VALUE_OBJECT:
             return make(type, std::move(dims), n, ObjectStorage{ClassInfo(), sizedVector<ValueObject>(n), {}, true});
@@ -143,7 +155,7 @@ StructArray ArrayFactory::createStructArray(Dims dims, const std::vector<std::st
     s.fields = fieldNames;
     if (!fieldNames.empty()) {
         if (n > std::numeric_limits<std::uint64_t>::max() / fieldNames.size()) throw std::bad_alloc();
-        s.values = sizedVector<Array>(n * fieldNames.size());
+        s.values = emptyArrays(n * fieldNames.size());
     }
     return StructArray(make(ArrayType::STRUCT, std::move(dims), n, std::move(s)));
 }

@@ -67,6 +67,10 @@ public:
 
 class ClientArrayFactory : public ArrayFactory {};
 
+// What a cell element, struct field or value-object property holds until written: a 0-by-0 double, the
+// engine's own empty value. One process-wide instance, shared by every such slot.
+const Array& emptyArray();
+
 // Checked product of dimensions; throws DimensionsOverflowException on overflow.
 std::uint64_t numberOfElements(const Dims& dims);
 // Dimensions as the library stores them: at least two entries ({} -> {0, 0}, {n} -> {1, n}).

@@ -287,7 +287,7 @@ TEST(WireFields, StructFieldsAreElementMajorInCreationOrder) {
     ASSERT_EQ(m.elements_size(), 4);
     EXPECT_EQ(m.elements(1).data(), rawBytes(std::vector<double>{2.0}));
     EXPECT_EQ(m.elements(2).data(), rawBytes(std::vector<double>{3.0}));
-    EXPECT_EQ(m.elements(3).type(), 0);  // never written
+    EXPECT_EQ(m.elements(3).type(), 4);  // never written: the 0-by-0 double
     const StructArray b = decode(encode(s));
     const std::vector<VeltraFieldIdentifier> names = b.getFieldNames();
     ASSERT_EQ(names.size(), 2u);
@@ -379,6 +379,14 @@ TEST(WireLenient, LogicalBytesAreNormalisedToZeroAndOne) {
     ClientArrayFactory f;
     const std::vector<std::uint8_t> ones{0, 1, 1, 1};
     EXPECT_TRUE(Array(b) == f.createArrayWithData(ArrayType::LOGICAL, {1, 4}, ones.data(), 4));
+}
+
+TEST(WireLenient, SparseLogicalValuesAreNormalisedToOne) {
+    Msg m;
+    m.varint(1, 31).packed(2, {2, 2}).bytes(3, "\x05\xff").packed(15, {0, 1}).packed(16, {0, 1});
+    const Array b = decode(m.b);
+    EXPECT_EQ(b.impl().get<veltra::data::SparseStorage>().values.data()[0], 1);
+    EXPECT_EQ(b.impl().get<veltra::data::SparseStorage>().values.data()[1], 1);
 }
 
 TEST(WireLenient, MissingDimsMeanZeroByZero) {
@@ -494,6 +502,8 @@ std::vector<Hostile> hostileArrays() {
                  "the sparse position (2, 0) lies outside the 2-by-2 array"});
     h.push_back({"sparse_rows_cols_differ", Msg().varint(1, 30).packed(2, {2, 2}).bytes(3, d8).packed(15, {0}).b,
                  "1 row positions but 0 column positions"});
+    h.push_back({"sparse_position_twice", Msg().varint(1, 31).packed(2, {2, 2}).bytes(3, "\x01\x01").packed(15, {1, 1}).packed(16, {0, 0}).b,
+                 "two values for one element"});
     h.push_back({"sparse_values_short", Msg().varint(1, 32).packed(2, {2, 2}).bytes(3, d8).packed(15, {0}).packed(16, {0}).b,
                  "needs 16 bytes of data, the message holds 8"});
     h.push_back({"nesting_too_deep", nestedCells(vp::kMaxNestingDepth + 1).b, "nested more than 200 levels deep"});
