@@ -31,7 +31,7 @@ for target in build/fuzz/fuzz_*; do
   corpus="build/fuzz/corpus_$name"
   mkdir -p "$corpus"
   seeds="fuzz/seeds/$name"
-  "$target" -max_total_time="$FUZZ_SECONDS" -rss_limit_mb=2048 -max_len=65536 -print_final_stats=1 \
+  "$target" -max_total_time="$FUZZ_SECONDS" -rss_limit_mb=2048 -artifact_prefix=build/fuzz/ -max_len=65536 -print_final_stats=1 \
     "$corpus" $( [ -d "$seeds" ] && echo "$seeds" ) 2>&1 | tail -n 12
 done
 
