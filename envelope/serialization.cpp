@@ -600,14 +600,10 @@ Array decodeArray(const std::uint8_t* data, std::size_t size, ArrayFactory& fact
         if (f.data.size != want)
             malformed("a " + typeText(t) + " array of " + dimsText(dims) + " needs " + std::to_string(want) +
                       " bytes of data, the message holds " + std::to_string(f.data.size));
-        // Uninitialised: every byte is written just below, once.
+        // Uninitialised: every byte is written just below, once. Logical bytes other than 0 and 1 are
+        // normalised by the library when it adopts the buffer.
         AlignedBuffer buf(want, false);
-        if (t == ArrayType::LOGICAL) {
-            std::uint8_t* out = buf.data();
-            for (std::size_t i = 0; i < want; ++i) out[i] = f.data.data[i] != 0;
-        } else if (want) {
-            std::memcpy(buf.data(), f.data.data, want);
-        }
+        if (want) std::memcpy(buf.data(), f.data.data, want);
         return factory.adoptBuffer(t, dims, std::move(buf));
     }
 
@@ -627,11 +623,7 @@ Array decodeArray(const std::uint8_t* data, std::size_t size, ArrayFactory& fact
                 malformed("the sparse position (" + std::to_string(f.rows[k]) + ", " + std::to_string(f.cols[k]) +
                           ") lies outside the " + dimsText(dims) + " array");
         }
-        if (et == ArrayType::LOGICAL) {
-            std::vector<std::uint8_t> v(want);
-            for (std::size_t i = 0; i < want; ++i) v[i] = f.data.data[i] != 0;
-            return factory.createSparseArray(t, dims, f.rows, f.cols, v.data(), want);
-        }
+        // The library refuses two values for one position and normalises logical values.
         return factory.createSparseArray(t, dims, f.rows, f.cols, f.data.data, want);
     }
 
