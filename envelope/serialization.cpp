@@ -119,7 +119,7 @@ public:
         const std::size_t slot = s_.size();
         s_.push_back(0);
         const ArrayImpl* impl = a.getImpl();
-        if (!impl) return 0;  // the empty array of an unwritten cell element or struct field
+        if (!impl) return 0;  // an Array without contents: the empty message
         const ArrayType t = impl->type;
         std::size_t n = wire::tagSize(kType) + wire::varintSize(wire::int32Bits(static_cast<int>(t)));
         n += packedSize(kDims, impl->dims);
