@@ -37,14 +37,6 @@ Array cellRow(ArrayFactory& f, std::vector<Array>&& elements) {
     return std::move(f.createCellArray({1, n}, std::move(elements)));
 }
 
-// A struct field nobody wrote holds the library's unwritten empty array, which has no kind of its own: it is
-// the engine's [] and comes back as [] (an error result without an identifier has one). Any other field goes
-// through the dispatcher, empty or not.
-PyObject* fieldToPython(const Array& value) {
-    if (value.getType() == ArrayType::UNKNOWN && value.isEmpty()) return PyList_New(0);
-    return convertToPython(value);
-}
-
 }  // namespace
 
 std::optional<Array> PyListToCell::convert(PyObject* obj, const ConversionState& state) {
@@ -187,7 +179,7 @@ PyObject* StructToPyDict::convert(const Array& a) {
         const PyRef key = PyRef::steal(PyUnicode_FromString(name.c_str()));
         if (!key) return nullptr;
         const Array value = s[index][name];
-        const PyRef item = PyRef::steal(fieldToPython(value));
+        const PyRef item = PyRef::steal(convertToPython(value));
         if (!item) return nullptr;
         if (PyDict_SetItem(dict.get(), key.get(), item.get()) != 0) return nullptr;
     }

@@ -10,7 +10,7 @@ namespace PythonVeltraDataArray::detail {
 
 class RecursionGuard {
 public:
-    static constexpr int kMaxDepth = 2000;
+    static constexpr int kMaxDepth = 1000;
 
     // `where` completes Python's message: "maximum recursion depth exceeded" + where.
     explicit RecursionGuard(const char* where) noexcept {

@@ -63,7 +63,7 @@ PyObject* CharToPyStr::convert(const Array& a) {
 }
 
 PyObject* VLStringToPyStr::convert(const Array& a) {
-    const VeltraString element = TypedArray<VeltraString>(a)[index_];
+    const VeltraString element = TypedArray<VeltraString>(a)[index_].getValue<VeltraString>();
     if (!element) Py_RETURN_NONE;
     return decodeUtf16(*element);
 }
@@ -78,7 +78,7 @@ PyObject* VLStringToPyList::convert(const Array& a) {
     PyRef list = PyRef::steal(PyList_New(static_cast<Py_ssize_t>(n)));
     if (!list) return nullptr;
     for (std::uint64_t i = 0; i < n; ++i) {
-        const VeltraString element = strings[i];
+        const VeltraString element = strings[i].getValue<VeltraString>();
         PyObject* item = nullptr;
         if (element) {
             item = decodeUtf16(*element);

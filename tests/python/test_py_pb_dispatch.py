@@ -1,0 +1,303 @@
+"""Choosing converters: Python objects by type name (exact, registry first, then the buffer and mapping
+fallbacks), arrays by kind and element count; and every refusal on the way."""
+
+import array
+import collections
+import datetime
+import subprocess
+import sys
+import textwrap
+
+import numpy as np
+import pandas as pd
+import pytest
+
+import py_pb
+import veltramultidimarrayforpython as vpkg
+from py_pb_peer import (CELL, DOUBLE, ENUM, HANDLE, LOGICAL, SPARSE_COMPLEX, SPARSE_DOUBLE, SPARSE_LOGICAL, STRUCT,
+                        UINT8, VALUE_OBJECT, array as pb_array, cell, numeric, read_one, roundtrip, sent,
+                        struct)
+from veltra.wire import messages
+
+NONE = "passing 'None' to VELTRA not supported"
+NULL = "passing null Python object pointer to VELTRA not supported"
+SPARSE = "conversion of VELTRA sparse array to Python not supported"
+
+
+def unsupported(name):
+    return f"conversion of Python data type '{name}' to VELTRA not supported"
+
+
+def refusal(value):
+    """The TypeError (or other exception) a call with this one argument raises, as (type, text)."""
+    with pytest.raises(Exception) as e:
+        py_pb.py_to_serialized_str((value,))
+    return type(e.value), str(e.value)
+
+
+def named(module, name, **body):
+    """A Python class with the given __module__ and __name__ (heap type: its tp_name is the __name__)."""
+    cls = type(name, (), dict(body))
+    cls.__module__ = module
+    return cls
+
+
+# ---------------------------------------------------------------------------------------------------------
+# Python to array: refusals and type names
+
+
+@pytest.mark.parametrize("wrap", [lambda v: v, lambda v: [1, v], lambda v: {"a": (v,)}])
+def test_none_is_refused_at_any_depth(wrap):
+    assert refusal(wrap(None)) == (TypeError, NONE)
+
+
+class MyInt(int):
+    pass
+
+
+class MyFloat(float):
+    pass
+
+
+class MyStr(str):
+    pass
+
+
+class MyList(list):
+    pass
+
+
+class Outer:
+    class Inner:
+        pass
+
+
+@pytest.mark.parametrize(
+    "value, name",
+    [
+        (MyInt(3), __name__ + ".MyInt"),  # a subclass of a registered type has a name of its own
+        (MyFloat(1.5), __name__ + ".MyFloat"),
+        (MyStr("a"), __name__ + ".MyStr"),
+        (MyList([1]), __name__ + ".MyList"),  # a mapping to PyMapping_Check: still refused
+        (Outer.Inner(), __name__ + ".Inner"),  # tp_name is the plain name, not the qualified one
+        (object(), "object"),
+        (frozenset({1}), "frozenset"),
+        (range(3), "range"),
+        (len, "builtin_function_or_method"),
+        (int, "type"),
+        (collections.deque(), "collections.deque"),  # a static type with a dotted tp_name
+        (datetime.date(2020, 1, 1), "datetime.date"),
+        (Ellipsis, "ellipsis"),
+    ],
+)
+def test_unregistered_types_are_refused_by_name(value, name):
+    assert refusal(value) == (TypeError, unsupported(name))
+
+
+def test_a_class_defined_in_the_main_script():
+    code = textwrap.dedent(
+        """
+        import py_pb
+        class MyInt(int):
+            pass
+        try:
+            py_pb.py_to_serialized_str((MyInt(1),))
+        except TypeError as e:
+            print(e)
+        """
+    )
+    out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
+    assert out.stdout == unsupported("__main__.MyInt") + "\n", out.stderr
+
+
+# Types whose converters come with later work: refused by their registered name, never converted by a
+# fallback (numpy's datetime64 scalar would otherwise pass the buffer test, a DataFrame the mapping test).
+@pytest.mark.parametrize(
+    "value, name",
+    [
+        (datetime.datetime(2020, 1, 2, 3, 4, 5), "datetime.datetime"),
+        (datetime.timedelta(seconds=3), "datetime.timedelta"),
+        (np.datetime64("2020-01-01"), "numpy.datetime64"),
+        (np.timedelta64(3, "s"), "numpy.timedelta64"),
+        (pd.DataFrame({"a": [1, 2]}), "pandas.DataFrame"),
+        (pd.Timestamp("2020-01-01"), "pandas.Timestamp"),
+        (pd.Timedelta(1, "s"), "pandas.Timedelta"),
+    ],
+)
+def test_types_of_later_converters_are_refused(value, name):
+    assert refusal(value) == (TypeError, unsupported(name))
+
+
+@pytest.mark.parametrize(
+    "module, name",
+    [
+        ("veltra", "object"),
+        ("veltra", "dictionary"),
+        ("pandas.core.frame", "DataFrame"),
+        ("pandas._libs.tslibs.timestamps", "Timestamp"),
+        ("pandas._libs.tslibs.timedeltas", "Timedelta"),
+    ],
+)
+def test_other_keys_of_later_converters_are_refused(module, name):
+    # Classes that carry exactly these names reach the registered entries.
+    assert refusal(named(module, name)()) == (TypeError, unsupported(f"{module}.{name}"))
+
+
+@pytest.mark.parametrize(
+    "value, name",
+    [
+        (collections.OrderedDict(a=1), "collections.OrderedDict"),
+        (collections.UserDict(a=1), "collections.UserDict"),
+        (collections.ChainMap({"a": 1}), "collections.ChainMap"),
+        (pd.Series([1.0]), "pandas.Series"),
+    ],
+)
+def test_other_mappings_go_to_the_dictionary_converter_which_is_not_there_yet(value, name):
+    assert refusal(value) == (TypeError, unsupported(name))
+
+
+# ---------------------------------------------------------------------------------------------------------
+# Python to array: the name rule decides, not the type
+
+
+def test_a_class_named_like_a_builtin_reaches_its_converter():
+    # __module__ "builtins" is left out of the name: this class is looked up as "float".
+    fake_float = named("builtins", "float", __float__=lambda self: 2.5)
+    assert sent(fake_float()) == [(DOUBLE, (1, 1), [2.5])]
+
+
+@pytest.mark.parametrize(
+    "name, body, exc, text",
+    [
+        ("float", {}, TypeError, "must be real number, not float"),
+        ("int", {}, TypeError, "'int' object cannot be interpreted as an integer"),
+        ("bool", {"__bool__": lambda self: 1 / 0}, ZeroDivisionError, "division by zero"),
+    ],
+)
+def test_errors_left_pending_by_scalar_converters_are_reported(name, body, exc, text):
+    # The converter stores a placeholder (-1.0, -1, true) with the C API's error pending; that error wins.
+    with pytest.raises(exc) as e:
+        py_pb.py_to_serialized_str((named("builtins", name, **body)(),))
+    assert str(e.value) == text
+
+
+def test_module_that_is_not_a_str_is_ignored():
+    assert refusal(named(3, "Thing")()) == (TypeError, unsupported("Thing"))
+
+
+def test_an_empty_type_name_counts_as_no_object():
+    assert refusal(named("builtins", "")()) == (RuntimeError, NULL)
+
+
+# ---------------------------------------------------------------------------------------------------------
+# Python to array: the buffer fallback
+
+
+class Bytes(bytes):
+    pass
+
+
+class NdSub(np.ndarray):
+    pass
+
+
+@pytest.mark.parametrize(
+    "value, expected",
+    [
+        # array.array is also a mapping to PyMapping_Check: the buffer test comes first.
+        (array.array("d", [1.0, 2.0]), (DOUBLE, (1, 2), [1.0, 2.0])),
+        (Bytes(b"\x01\xff"), (UINT8, (1, 2), [1, 255])),
+        (np.float64(2.5), (DOUBLE, (1, 1), [2.5])),
+        (np.arange(3.0).view(NdSub), (DOUBLE, (1, 3), [0.0, 1.0, 2.0])),
+        (memoryview(b"\x05"), (UINT8, (1, 1), [5])),
+    ],
+)
+def test_buffers_of_unregistered_types(value, expected):
+    assert sent(value) == [expected]
+
+
+def test_the_package_types_are_found_by_name():
+    d = vpkg.double([[1.0, 2.0]])
+    assert type(d).__module__ == "veltra" and type(d).__name__ == "double"
+    assert sent(d) == [(DOUBLE, (1, 2), [1.0, 2.0])]
+
+
+# ---------------------------------------------------------------------------------------------------------
+# array to Python: the registry by element count
+
+
+def test_one_element_uses_the_scalar_registry_and_others_the_array_registry():
+    assert read_one(numeric(DOUBLE, [1.5])) == 1.5
+    two = read_one(numeric(DOUBLE, [1.0, 2.0]))
+    assert type(two) is vpkg.double and np.asarray(two).tolist() == [[1.0, 2.0]]
+    # A cell turns empty elements into []; a struct field shows what the array registry does with them.
+    assert read_one(cell([pb_array(DOUBLE, (0, 0))])) == [[]]
+    empty = read_one(struct(["e"], [[pb_array(DOUBLE, (0, 0))]]))["e"]
+    assert type(empty) is vpkg.double and np.asarray(empty).shape == (0, 0)
+
+
+def test_logical_one_element_and_more():
+    assert read_one(numeric(LOGICAL, [True])) is True
+    many = read_one(numeric(LOGICAL, [True, False]))
+    assert type(many) is vpkg.logical and np.asarray(many).tolist() == [[True, False]]
+
+
+def test_cells_of_one_and_of_many_elements_are_lists():
+    assert read_one(cell([numeric(DOUBLE, [1.0])])) == [1.0]
+    assert read_one(cell([numeric(DOUBLE, [1.0])] * 3)) == [1.0, 1.0, 1.0]
+
+
+def sparse(kind, dims=(2, 2)):
+    value = {SPARSE_DOUBLE: np.float64(1).tobytes(), SPARSE_LOGICAL: b"\x01",
+             SPARSE_COMPLEX: np.array([1.0, 2.0]).tobytes()}[kind]
+    return pb_array(kind, dims, value, sparse_rows=[dims[0] - 1], sparse_cols=[0])
+
+
+@pytest.mark.parametrize("kind", [SPARSE_DOUBLE, SPARSE_LOGICAL, SPARSE_COMPLEX])
+@pytest.mark.parametrize("dims", [(2, 2), (1, 1), (3, 1)])
+def test_sparse_arrays_are_refused(kind, dims):
+    with pytest.raises(TypeError) as e:
+        read_one(sparse(kind, dims))
+    assert str(e.value) == SPARSE
+
+
+def test_sparse_inside_a_struct_is_refused_too():
+    with pytest.raises(TypeError) as e:
+        read_one(struct(["s"], [[sparse(SPARSE_DOUBLE)]]))
+    assert str(e.value) == SPARSE
+
+
+def test_enumerations_are_refused_with_their_kind_number():
+    with pytest.raises(TypeError) as e:
+        read_one(pb_array(ENUM, (1, 1), class_name="Color", enum_names=["red"]))
+    assert str(e.value) == "conversion of VELTRA data type 29 to Python not supported"
+
+
+@pytest.mark.parametrize("dims", [(1, 1), (1, 2)])
+def test_value_objects_are_refused_until_their_conversions_exist(dims):
+    vo = messages().VELTRA_Array(type=VALUE_OBJECT, dims=list(dims), class_name="datetime")
+    for _ in range(dims[0] * dims[1]):
+        vo.objects.add()
+    with pytest.raises(TypeError) as e:
+        read_one(vo)
+    assert str(e.value) == "conversion of VELTRA value object of class 'datetime' to Python not supported yet"
+
+
+def test_handle_object_references_are_refused_until_their_conversion_exists():
+    h = messages().VELTRA_Array(type=HANDLE, dims=[1, 1])
+    h.handles.add(class_name="Figure", id=7)
+    with pytest.raises(TypeError) as e:
+        read_one(h)
+    assert str(e.value) == "conversion of VELTRA handle object references to Python not supported yet"
+
+
+def test_a_nested_failure_fails_the_whole_result_with_the_inner_message():
+    with pytest.raises(TypeError) as e:
+        read_one(cell([numeric(DOUBLE, [1.0]), cell([pb_array(ENUM, (1, 1), class_name="C", enum_names=["x"])])]))
+    assert str(e.value) == "conversion of VELTRA data type 29 to Python not supported"
+
+
+def test_sent_kinds_of_the_basic_types():
+    kinds = [k for k, _, _ in sent(1.0, 1, True, "s", b"b", [1], {"a": 1})]
+    assert kinds == [DOUBLE, 12, LOGICAL, 2, UINT8, CELL, STRUCT]
+    assert roundtrip(1.0, 1, True, "s") == [1.0, 1, True, "s"]
