@@ -1,0 +1,159 @@
+"""A call's round trip through py_pb.
+
+1. Build the inputs of a realistic call in Python.
+2. Turn them into a parameters message with py_pb.py_to_serialized_str.
+3. Look inside that message with the plain protobuf classes (veltra.wire), independently of py_pb.
+4. Answer it with the loopback (a result whose outputs are the call's inputs), as the engine would answer.
+5. Convert the result back with py_pb.serialized_str_to_py and print the Python values.
+6. Show how an engine error comes back.
+
+Run it with ./scripts/demo.sh (sets everything up first) or .venv/bin/python examples/demo.py.
+"""
+
+import numpy as np
+
+import py_pb
+from veltra.loopback import loopback
+from veltra.wire import messages
+
+KINDS = {
+    0: "empty", 1: "logical", 2: "char", 3: "string", 4: "double", 5: "single",
+    6: "int8", 7: "uint8", 8: "int16", 9: "uint16", 10: "int32", 11: "uint32", 12: "int64", 13: "uint64",
+    24: "cell", 25: "struct", 27: "value object", 28: "handle",
+}
+WIRE_DTYPES = {
+    1: "u1", 4: "<f8", 5: "<f4", 6: "i1", 7: "u1", 8: "<i2", 9: "<u2", 10: "<i4", 11: "<u4", 12: "<i8", 13: "<u8",
+    14: "<c16", 15: "<c8",
+}
+
+
+def kind_name(kind):
+    if 14 <= kind <= 23:
+        return "complex " + KINDS[kind - 10]
+    return KINDS.get(kind, f"kind {kind}")
+
+
+def preview(values, limit=8):
+    items = [repr(v) for v in values[:limit]]
+    if len(values) > limit:
+        items.append(f"... ({len(values)} in all)")
+    return "[" + ", ".join(items) + "]"
+
+
+def describe(arr, label, indent="  "):
+    """Print one VELTRA_Array message as a short tree."""
+    dims = "x".join(str(d) for d in arr.dims) or "0x0"
+    head = f"{indent}{label}: {kind_name(arr.type)} {dims}"
+    if arr.type == 2:
+        print(f"{head}  {arr.data.decode('utf-16-le')!r}")
+    elif arr.type == 3:
+        units = np.frombuffer(arr.string_units, dtype="<u2")
+        pos, texts = 0, []
+        for n in arr.string_lengths:
+            texts.append(None if n < 0 else units[pos:pos + n].tobytes().decode("utf-16-le"))
+            pos += max(n, 0)
+        print(f"{head}  {preview(texts)}")
+    elif arr.type in WIRE_DTYPES:
+        values = np.frombuffer(arr.data, dtype=WIRE_DTYPES[arr.type])
+        if arr.type == 1:
+            values = values.astype(bool)
+        nbytes = len(arr.data)
+        print(f"{head}  {nbytes} payload byte{'s' if nbytes != 1 else ''}, column-major: {preview(values.tolist())}")
+    elif arr.type == 24:
+        print(head)
+        for i, element in enumerate(arr.elements):
+            describe(element, f"{{{i}}}", indent + "    ")
+    elif arr.type == 25:
+        print(f"{head}  fields: {', '.join(arr.field_names)}")
+        nfields = len(arr.field_names)
+        for i, element in enumerate(arr.elements):
+            describe(element, f".{arr.field_names[i % nfields]}", indent + "    ")
+    else:
+        print(head)
+
+
+def show_python(value, label, indent="  "):
+    """Print a converted value with its Python type; numeric package arrays also as numpy sees them."""
+    kind = type(value).__module__ + "." + type(value).__name__ if type(value).__module__ != "builtins" \
+        else type(value).__name__
+    if isinstance(value, dict):
+        print(f"{indent}{label}: dict")
+        for k, v in value.items():
+            show_python(v, repr(k), indent + "    ")
+    elif isinstance(value, list) and any(isinstance(v, (list, dict)) for v in value):
+        print(f"{indent}{label}: list of {len(value)}")
+        for i, v in enumerate(value):
+            show_python(v, f"[{i}]", indent + "    ")
+    elif type(value).__module__ == "veltra":
+        view = np.asarray(value)
+        rows = np.array2string(view).splitlines()
+        print(f"{indent}{label}: {kind} of size {value.size}; numpy.asarray gives {view.dtype} {view.shape}:")
+        for row in rows:
+            print(f"{indent}        {row}")
+    else:
+        print(f"{indent}{label}: {kind:5} {value!r}")
+
+
+def main():
+    print("== 1. The inputs of a call: fit a model to some measurements")
+    measurements = np.array([[0.0, 1.0, 2.0, 3.0],
+                             [1.1, 2.9, 5.2, 7.1]])
+    inputs = (
+        "fit",                                   # the model's name
+        3,                                       # polynomial degree
+        0.25,                                    # regularisation
+        {"method": "lm", "tolerance": 1e-8,      # a nested options dict
+         "weights": [1, 2, 3.5],
+         "limits": {"max_iter": 200, "verbose": True}},
+        b"\x00\x01\xfe\xff",                     # an opaque blob
+        measurements,                            # a 2x4 numpy matrix
+    )
+    for i, value in enumerate(inputs):
+        print(f"  [{i}] {value!r}".replace("\n", "\n      "))
+
+    print()
+    params = py_pb.py_to_serialized_str(inputs, nargout=len(inputs))
+    print(f"== 2. py_to_serialized_str -> a parameters message of {len(params)} bytes")
+    print("   read back with the plain protobuf classes (veltra.wire), independently of py_pb:")
+    msg = messages().VELTRA_Params()
+    msg.ParseFromString(params)
+    print(f"  nargout: {msg.nargout}")
+    for i, arr in enumerate(msg.rhs):
+        describe(arr, f"rhs[{i}]")
+
+    print()
+    result = loopback(params)
+    print(f"== 3. The loopback answers with a result message of {len(result)} bytes whose outputs are the inputs")
+
+    print()
+    outputs = py_pb.serialized_str_to_py(result)
+    print(f"== 4. serialized_str_to_py -> a list of {len(outputs)} outputs")
+    for i, value in enumerate(outputs):
+        show_python(value, f"[{i}]")
+    back = np.asarray(outputs[5])
+    print(f"  The matrix came back {'unchanged' if np.array_equal(back, measurements) else 'CHANGED'}; "
+          f"the bytes read {bytes(np.asarray(outputs[4])).hex(' ')}.")
+
+    print()
+    print("== 5. An engine error is not raised: it comes back as a dict")
+    answer = messages().VELTRA_Result()
+    answer.error.message = "Polynomial degree must be less than the number of points."
+    answer.error.identifier = "fit:degreeTooHigh"
+    for file, name, line in [("fit.m", "fit", 42), ("main.m", "main", 7)]:
+        answer.error.stack.add(file=file, name=name, line=line)
+    error = py_pb.serialized_str_to_py(answer.SerializeToString())
+    for key, value in error.items():
+        if key == "stack_as_str":
+            print(f"  {key}:")
+            for line in value.splitlines():
+                print(f"      {line}")
+        else:
+            print(f"  {key}: {value!r}")
+
+    print()
+    print(f"Done: {len(inputs)} values went out and came back (veltra package types: "
+          f"{', '.join(sorted({type(v).__name__ for v in outputs if type(v).__module__ == 'veltra'}))}).")
+
+
+if __name__ == "__main__":
+    main()
