@@ -1,0 +1,223 @@
+"""Every converter of this module, on its success and failure paths, many times over: the reference counts of
+what goes in stay put, and neither Python's allocations nor the process's memory grow."""
+
+import collections
+import datetime
+import gc
+import sys
+import tracemalloc
+
+import pytest
+
+import py_pb
+import veltramultidimarrayforpython as vpkg
+from py_pb_peer import (DOUBLE, ENUM, HANDLE, LOGICAL, SINGLE, SPARSE_DOUBLE, VALUE_OBJECT, array as pb_array, cell,
+                        char, numeric, result, strings, struct)
+from veltra.loopback import error_result, loopback
+from veltra.wire import messages
+
+BIG = 1 << 20  # payloads this large make one leaked copy per round show in the process's memory
+
+
+def _named(module, name, **body):
+    cls = type(name, (), dict(body))
+    cls.__module__ = module
+    return cls
+
+
+def _raise(self):
+    raise ZeroDivisionError("no truth")
+
+
+FakeFloat = _named("builtins", "float", __float__=lambda self: 1.5)
+BadFloat = _named("builtins", "float")
+BadBool = _named("builtins", "bool", __bool__=_raise)
+Unknown = _named("somewhere", "Unknown")
+
+
+def _cycle():
+    x = []
+    x.append((x,))
+    return x
+
+
+def _self_list():
+    x = [1]
+    x.append(x)
+    return x
+
+
+def _self_dict():
+    x = {"a": 1}
+    x["b"] = x
+    return x
+
+
+def _deep(n):
+    x = 1.0
+    for _ in range(n):
+        x = [x]
+    return x
+
+
+big_text = "\u00e9\U0001F600" * (BIG // 4)
+big_bytes = bytes(range(256)) * (BIG // 256)
+
+# (argument of py_to_serialized_str, keyword arguments)
+TO_BYTES_OK = [
+    ((1.5, 2, True, 1 - 2j, "a\U0001F600", b"\x00\xff", bytearray(b"xy")), {}),
+    (([1, (2.0, set()), {"k": [b"z", {"n": None and 0 or "v"}]}],), {"nargout": "3", "schema": "VELTRA_RESULT"}),
+    (({3, 4.5, "s"}, {}, [], ()), {"nargout": 2}),
+    ((big_text, big_bytes, bytearray(big_bytes)), {}),
+    ((memoryview(big_bytes), vpkg.double([[1.0, 2.0]]), vpkg.logical([True])), {}),
+    ((FakeFloat(),), {}),
+]
+TO_BYTES_FAIL = [
+    ((None,), {}, TypeError),
+    (([1, {"a": [None]}],), {}, TypeError),
+    (([0, 2**64],), {}, OverflowError),
+    (({"k": "\ud800"},), {}, UnicodeEncodeError),
+    (({1: 2},), {}, ValueError),
+    (({"": 2},), {}, ValueError),
+    (({"a b": big_bytes},), {}, ValueError),  # thrown by the array library, caught at the module boundary
+    ((_self_list(),), {}, ValueError),
+    ((_self_dict(),), {}, ValueError),
+    ((_cycle(),), {}, RecursionError),
+    ((_deep(250),), {}, ValueError),  # refused by the message writer
+    ((object(),), {}, TypeError),
+    ((Unknown(),), {}, TypeError),
+    ((datetime.datetime(2020, 1, 1),), {}, TypeError),
+    ((collections.OrderedDict(a=1),), {}, TypeError),
+    ((BadFloat(),), {}, TypeError),
+    ((BadBool(),), {}, ZeroDivisionError),
+    ((big_bytes, [BadBool()]), {}, ZeroDivisionError),
+    (big_text, {}, ValueError),  # not a cell of arguments
+    ((), {"nargout": "x"}, ValueError),
+    ((), {"nargout": 2**70}, ValueError),
+    ((), {"schema": "nope"}, ValueError),
+    ((), {"other": 1}, ValueError),
+]
+
+
+def _value_object():
+    vo = messages().VELTRA_Array(type=VALUE_OBJECT, dims=[1, 1], class_name="datetime")
+    vo.objects.add()
+    return vo
+
+
+def _handle():
+    h = messages().VELTRA_Array(type=HANDLE, dims=[1, 1])
+    h.handles.add(class_name="Figure", id=1)
+    return h
+
+
+FROM_BYTES_OK = [
+    result(*[numeric(k, [1], (1, 1)) for k in range(6, 14)], numeric(SINGLE, [0.5]), numeric(DOUBLE, [2.5]),
+           numeric(LOGICAL, [True]), *[numeric(k, [1 + 2j]) for k in range(14, 24)]),
+    result(char("a\U0001F600"), char("x" * BIG, (BIG, 1)), strings(["a", None, "c"]), strings([None]),
+           strings(["s" * BIG])),
+    result(cell([cell([]), numeric(DOUBLE, [1.0]), struct(["a", "b"], [[char("v"), cell([strings(["q"])])]])])),
+    result(numeric(DOUBLE, [1.0, 2.0]), numeric(LOGICAL, [True, False]), numeric(7, list(range(256)) * 64)),
+    error_result("m" * BIG, "id:x", [("f", "g", 1)] * 50),
+    error_result("no identifier"),
+]
+FROM_BYTES_FAIL = [
+    (result(cell([numeric(DOUBLE, [1.0])] * 4, (2, 2))), ValueError),
+    (result(char("abcdef", (2, 3))), ValueError),
+    (result(strings(["a"] * 4, (2, 2))), ValueError),
+    (result(struct(["a"], [[char("x" * BIG)], [char("y")]], (1, 2))), ValueError),
+    (result(cell([char("ok" * BIG), pb_array(SPARSE_DOUBLE, (2, 2), b"\0" * 8, sparse_rows=[0], sparse_cols=[0])])),
+     TypeError),
+    (result(pb_array(ENUM, (1, 1), class_name="C", enum_names=["x"])), TypeError),
+    (result(_value_object()), TypeError),
+    (result(_handle()), TypeError),
+    (result(struct(["u"], [[pb_array(0, ())]])), TypeError),
+    (result(strings(["ok" * BIG, "\ud800"])), UnicodeDecodeError),
+    (result(char("\udc00")), UnicodeDecodeError),
+]
+UNREADABLE = [b"\x0a\x05\x08", b"\x0a\x02\x08\x63"]
+
+
+def _exercise():
+    for args, kwargs in TO_BYTES_OK:
+        data = py_pb.py_to_serialized_str(args, **kwargs)
+        py_pb.serialized_str_to_py(loopback(data))
+    for args, kwargs, exc in TO_BYTES_FAIL:
+        with pytest.raises(exc):
+            py_pb.py_to_serialized_str(args, **kwargs)
+    with pytest.raises(TypeError):
+        py_pb.py_to_serialized_str((1,), (2,))
+    for data in FROM_BYTES_OK:
+        py_pb.serialized_str_to_py(data, schema="VELTRA_RESULT")
+    for data, exc in FROM_BYTES_FAIL:
+        with pytest.raises(exc):
+            py_pb.serialized_str_to_py(data)
+    for data in UNREADABLE:
+        with pytest.raises(SystemError):
+            py_pb.serialized_str_to_py(data)
+    for bad in ("text", None):
+        with pytest.raises(ValueError):
+            py_pb.serialized_str_to_py(bad)
+    with pytest.raises(ValueError):
+        py_pb.serialized_str_to_py(b"", nargout=1)
+
+
+def _walk(obj, out, seen):
+    """obj and everything inside it, each once."""
+    if id(obj) in seen:
+        return
+    seen.add(id(obj))
+    out.append(obj)
+    if isinstance(obj, dict):
+        for k, v in obj.items():
+            _walk(k, out, seen)
+            _walk(v, out, seen)
+    elif isinstance(obj, (list, tuple, set)):
+        for v in obj:
+            _walk(v, out, seen)
+
+
+def _watched():
+    objs, seen = [], set()
+    for args, kwargs, *_ in TO_BYTES_OK + TO_BYTES_FAIL:
+        _walk(args, objs, seen)
+        _walk(kwargs, objs, seen)
+    objs += [FakeFloat, BadFloat, BadBool, Unknown, big_text, big_bytes]
+    objs += FROM_BYTES_OK + [d for d, _ in FROM_BYTES_FAIL] + UNREADABLE
+    # Small ints, True and the like are shared by the whole interpreter: their counts move with everything.
+    return [o for o in objs if sys.getrefcount(o) < 1000]
+
+
+def _rss_kib():
+    with open("/proc/self/status") as f:
+        for line in f:
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1])
+    raise RuntimeError("no VmRSS")
+
+
+def test_conversions_do_not_leak(capfd):
+    watched = _watched()
+    for _ in range(3):
+        _exercise()
+    gc.collect()
+    refs = [sys.getrefcount(o) for o in watched]
+    rss = _rss_kib()
+    tracemalloc.start()
+    try:
+        before = tracemalloc.take_snapshot()
+        for _ in range(100):
+            _exercise()
+        gc.collect()
+        after = tracemalloc.take_snapshot()
+    finally:
+        tracemalloc.stop()
+    capfd.readouterr()  # the unreadable results' reports
+
+    now = [sys.getrefcount(o) for o in watched]
+    assert now == refs
+    grown = sum(s.size_diff for s in after.compare_to(before, "filename") if s.size_diff > 0)
+    # One leaked 1 MiB object per round would be 100 MiB; a few hundred bytes of caches may settle.
+    assert grown < 256 * 1024, f"Python allocations grew by {grown} bytes"
+    growth = _rss_kib() - rss
+    assert growth < 16 * 1024, f"RSS grew by {growth} KiB"
