@@ -87,28 +87,30 @@ const char* describe(const char* format) {
     }
 }
 
-// "T{h:real:h:imag:}": two integers of one kind named real and imag, as complex integers are exported.
+// "T{h:real:h:imag:}": two integers of one kind named real and imag, as complex integers are exported. A
+// byte-order prefix holds for the fields after it until another one appears.
 bool parseComplexInteger(const char* p, Order outer, BufferFormat& out) {
     if (std::strncmp(p, "T{", 2) != 0) return false;
     p += 2;
-    Order order[2] = {outer, outer};
-    char code[2];
+    Order order = outer;
+    ArrayType kind[2];
+    std::size_t size[2];
+    bool swap[2];
     const char* names[2] = {":real:", ":imag:"};
     for (int k = 0; k < 2; ++k) {
-        readOrder(p, order[k]);
-        code[k] = *p++;
+        readOrder(p, order);
+        kind[k] = realCode(*p++, order, size[k]);
+        swap[k] = swapped(order);
         const std::size_t len = std::strlen(names[k]);
         if (std::strncmp(p, names[k], len) != 0) return false;
         p += len;
     }
-    if (std::strcmp(p, "}") != 0 || code[0] != code[1] || order[0] != order[1]) return false;
-    std::size_t size = 0;
-    const ArrayType real = realCode(code[0], order[0], size);
-    if (!foundation::veltradata::isIntegerType(real)) return false;
-    out.type = foundation::veltradata::complexTypeOf(real);
-    out.itemsize = 2 * size;
-    out.component = size;
-    out.swap = swapped(order[0]);
+    if (std::strcmp(p, "}") != 0 || kind[0] != kind[1] || size[0] != size[1] || swap[0] != swap[1]) return false;
+    if (!foundation::veltradata::isIntegerType(kind[0])) return false;
+    out.type = foundation::veltradata::complexTypeOf(kind[0]);
+    out.itemsize = 2 * size[0];
+    out.component = size[0];
+    out.swap = swap[0];
     return true;
 }
 

@@ -34,7 +34,25 @@ void setErrorFromCurrentException() noexcept {
     }
 }
 
+namespace {
+// Keeps the pending exception (if any) aside while a helper runs Python code of its own.
+class ErrorAside {
+public:
+    ErrorAside() noexcept { PyErr_Fetch(&t_, &v_, &tb_); }
+    ~ErrorAside() {
+        PyErr_Clear();
+        PyErr_Restore(t_, v_, tb_);
+    }
+    ErrorAside(const ErrorAside&) = delete;
+    ErrorAside& operator=(const ErrorAside&) = delete;
+
+private:
+    PyObject *t_ = nullptr, *v_ = nullptr, *tb_ = nullptr;
+};
+}  // namespace
+
 std::string typeName(PyObject* obj) {
+    ErrorAside aside;
     PyTypeObject* type = Py_TYPE(obj);
     std::string out;
     Ref module = Ref::steal(PyObject_GetAttrString(reinterpret_cast<PyObject*>(type), "__module__"));
@@ -62,6 +80,7 @@ std::string formatIndex(const std::vector<std::uint64_t>& index) {
 std::string formatDims(const std::vector<std::uint64_t>& dims) { return formatIndex(dims); }
 
 std::string reprOf(PyObject* obj) {
+    ErrorAside aside;
     Ref r = Ref::steal(PyObject_Repr(obj));
     const char* s = r ? PyUnicode_AsUTF8AndSize(r.get(), nullptr) : nullptr;
     if (!s) {

@@ -117,14 +117,14 @@ public:
         }
         if (depth < shape.size()) {
             if (len < 0) {
-                raise(PyExc_ValueError, "initializer is not rectangular: expected a sequence of " +
-                                            std::to_string(shape[depth]) + " elements at index " + formatIndex(path_) +
+                raise(PyExc_ValueError, "initializer is not rectangular: expected a sequence of length " +
+                                            std::to_string(shape[depth]) + " at index " + formatIndex(path_) +
                                             ", found " + typeName(o));
             }
             if (static_cast<std::uint64_t>(len) != shape[depth]) {
                 raise(PyExc_ValueError, "initializer is not rectangular: the sequence at index " + formatIndex(path_) +
-                                            " has " + std::to_string(len) + " elements where " +
-                                            std::to_string(shape[depth]) + " were expected");
+                                            " has length " + std::to_string(len) + ", expected " +
+                                            std::to_string(shape[depth]));
             }
             if (Py_EnterRecursiveCall(" while reading a nested initializer")) throw PyErrorSet{};
             struct Leave {

@@ -67,11 +67,13 @@ std::string formatReal(T v) {
 template <typename T>
 std::string formatValue(const T& v) {
     if constexpr (IsComplex<T>::value) {
-        using R = typename T::value_type;
-        // Python's complex repr: "(1+2j)", "-1.5j" for a zero real part is not needed here.
-        std::string im = formatReal<R>(v.imag());
-        if (im[0] != '-') im = "+" + im;
-        return "(" + formatReal<R>(v.real()) + im + "j)";
+        // As Python prints a complex: "(1+2j)", "2j".
+        Ref c = Ref::steal(PyComplex_FromDoubles(static_cast<double>(v.real()), static_cast<double>(v.imag())));
+        if (!c) {
+            PyErr_Clear();
+            return "?";
+        }
+        return reprOf(c.get());
     } else {
         return formatReal(v);
     }

@@ -48,6 +48,20 @@ PyObject* capiRoundtrip(PyObject*, PyObject* args) {
     }
 }
 
+// _capi_get(obj, array_type): entry 1 on obj itself (no buffer handle), then entry 0.
+PyObject* capiGet(PyObject*, PyObject* args) {
+    try {
+        PyObject *obj, *typeArg;
+        if (!PyArg_ParseTuple(args, "OO:_capi_get", &obj, &typeArg)) return nullptr;
+        const VeltraArrayCapi* capi = capiTable();
+        void* handle = capi->get_array(obj, obj, static_cast<uint32_t>(readKind(typeArg)));
+        return handle ? capi->wrap_array(handle) : nullptr;
+    } catch (...) {
+        setErrorFromCurrentException();
+        return nullptr;
+    }
+}
+
 // _capi_acquire(obj): the ArrayType entry 2 reports for obj (the handle is released through entry 3).
 PyObject* capiAcquire(PyObject*, PyObject* obj) {
     const VeltraArrayCapi* capi = capiTable();
@@ -91,6 +105,7 @@ PyObject* holds(PyObject*, PyObject* obj) {
 
 PyMethodDef kModuleMethods[] = {
     {"_capi_roundtrip", capiRoundtrip, METH_VARARGS, "Internal (tests): capsule entries 2, 1, 3 and 0 in turn."},
+    {"_capi_get", capiGet, METH_VARARGS, "Internal (tests): capsule entry 1 on any object, then entry 0."},
     {"_capi_acquire", capiAcquire, METH_O, "Internal (tests): the array type capsule entry 2 reports."},
     {"_capi_is_buffer", capiIsBuffer, METH_O, "Internal (tests): capsule entry 4."},
     {"_capi_wrap_new", capiWrapNew, METH_VARARGS, "Internal (tests): capsule entry 0 on a new array."},

@@ -106,7 +106,6 @@ PyObject* newView(PyObject* owner, std::vector<std::uint64_t> shape, std::vector
     b.offset = countOf(b.shape) == 0 ? 0 : offset;
     Py_INCREF(owner);
     b.owner = owner;
-    ++bodyOf(owner).views;
     return o;
 }
 
@@ -151,11 +150,12 @@ std::int64_t readIndex(PyObject* key) {
     return v;
 }
 
-// Applies one index entry to axis `axis` of `r` (an integer removes the axis, a slice narrows it).
-void applyKey(Region& r, std::size_t& axis, PyObject* key) {
-    if (axis >= r.shape.size()) {
-        raise(PyExc_IndexError, "too many indices: the array has " + std::to_string(r.shape.size()) +
-                                    (r.shape.size() == 1 ? " dimension" : " dimensions"));
+// Applies the index entry for dimension `dim` of the indexed object, which is axis `axis` of `r` (an integer
+// removes the axis, a slice narrows it).
+void applyKey(Region& r, std::size_t& axis, std::size_t dim, std::size_t ndim, PyObject* key) {
+    if (dim >= ndim) {
+        raise(PyExc_IndexError, "too many indices: the array has " + std::to_string(ndim) +
+                                    (ndim == 1 ? " dimension" : " dimensions"));
     }
     const std::int64_t len = static_cast<std::int64_t>(r.shape[axis]);
     if (PySlice_Check(key)) {
@@ -176,7 +176,7 @@ void applyKey(Region& r, std::size_t& axis, PyObject* key) {
     if (i < 0) i += len;
     if (i < 0 || i >= len) {
         raise(PyExc_IndexError, "index " + std::to_string(given) + " is out of range for dimension " +
-                                    std::to_string(axis) + " of size " + std::to_string(len));
+                                    std::to_string(dim) + " of size " + std::to_string(len));
     }
     r.offset += static_cast<std::uint64_t>(i * r.strides[axis]);
     r.shape.erase(r.shape.begin() + static_cast<std::ptrdiff_t>(axis));
@@ -186,12 +186,14 @@ void applyKey(Region& r, std::size_t& axis, PyObject* key) {
 Region regionOf(PyObject* self, PyObject* key) {
     const Body& b = bodyOf(self);
     Region r{b.shape, b.strides, b.offset};
+    const std::size_t ndim = b.shape.size();
     std::size_t axis = 0;
     if (PyTuple_Check(key)) {
         const Py_ssize_t n = PyTuple_Size(key);
-        for (Py_ssize_t k = 0; k < n; ++k) applyKey(r, axis, PyTuple_GetItem(key, k));
+        for (Py_ssize_t k = 0; k < n; ++k)
+            applyKey(r, axis, static_cast<std::size_t>(k), ndim, PyTuple_GetItem(key, k));
     } else {
-        applyKey(r, axis, key);
+        applyKey(r, axis, 0, ndim, key);
     }
     return r;
 }
@@ -316,10 +318,7 @@ void tpDealloc(PyObject* self) {
         o->body = nullptr;
         PyObject* owner = b->owner;
         delete b;
-        if (owner) {
-            --bodyOf(owner).views;
-            Py_DECREF(owner);
-        }
+        Py_XDECREF(owner);
     }
     PyTypeObject* type = Py_TYPE(self);
     auto freeFn = reinterpret_cast<freefunc>(PyType_GetSlot(type, Py_tp_free));
@@ -433,7 +432,8 @@ int bfGetBuffer(PyObject* self, Py_buffer* view, int flags) {
         }
         view->buf = const_cast<std::uint8_t*>(base) + b.offset * es;
         view->len = static_cast<Py_ssize_t>(countOf(b.shape) * es);
-        view->itemsize = static_cast<Py_ssize_t>(es);
+        // A plain byte request (no shape, no format) sees unsigned bytes.
+        view->itemsize = dims || (flags & PyBUF_FORMAT) == PyBUF_FORMAT ? static_cast<Py_ssize_t>(es) : 1;
         view->readonly = 0;
         view->ndim = dims ? nd : 1;
         view->format = (flags & PyBUF_FORMAT) == PyBUF_FORMAT ? const_cast<char*>(exportFormat(kind)) : nullptr;
@@ -442,7 +442,6 @@ int bfGetBuffer(PyObject* self, Py_buffer* view, int flags) {
         view->suboffsets = nullptr;
         view->internal = dims;
         ++ob.exports;
-        if (owner != reinterpret_cast<ArrayObject*>(self)) ++bodyOf(self).exports;
         Py_INCREF(self);
         view->obj = self;
         return 0;
@@ -455,9 +454,7 @@ int bfGetBuffer(PyObject* self, Py_buffer* view, int flags) {
 void bfReleaseBuffer(PyObject* self, Py_buffer* view) {
     PyMem_Free(view->internal);
     view->internal = nullptr;
-    ArrayObject* owner = ownerOf(self);
-    --owner->body->exports;
-    if (owner != reinterpret_cast<ArrayObject*>(self)) --bodyOf(self).exports;
+    --ownerOf(self)->body->exports;
 }
 
 // ---- Attributes and methods ----
@@ -510,8 +507,9 @@ PyObject* methReshape(PyObject* self, PyObject* args) {
             raise(PyExc_ValueError, "cannot reshape an array of " + std::to_string(have) + " elements to size " +
                                         formatDims(dims) + " (" + std::to_string(want) + " elements)");
         }
-        if (b.exports) raise(PyExc_BufferError, "cannot reshape an array while a buffer of it is exported");
-        if (b.views) raise(PyExc_ValueError, "cannot reshape an array while sub-array views of it exist");
+        // The elements stay where they are (pinned storage is never detached, and detaching shared storage
+        // copies it in the same order), so views and exported buffers, which carry their own shape and
+        // strides over that storage, keep showing the same elements.
         b.array.mutableImpl().dims = std::move(dims);
         setOwnerLayout(b);
         Py_RETURN_NONE;

@@ -7,7 +7,8 @@
 // Storage is copy-on-write underneath (Array copies share it). Exported buffers pin it: while an owner or any
 // of its views has a buffer exported, the owner's storage is held by that owner alone (it was detached on the
 // first export if it was shared, and nothing shares it until the last export ends), so element writes land
-// where the exported views look, and the memory stays put. Reshaping in place is refused meanwhile.
+// where the exported views look, and the memory stays put. Reshaping an owner changes its dimensions only:
+// views and exported buffers keep their own shape and strides over the same elements.
 #pragma once
 
 #include <Python.h>
@@ -33,8 +34,7 @@ struct Body {
     std::vector<std::uint64_t> shape;
     std::vector<std::int64_t> strides;  // in elements
     std::uint64_t offset = 0;           // views: first element within the owner, in elements
-    Py_ssize_t exports = 0;  // owners: buffers exported from it or from its views; views: their own
-    Py_ssize_t views = 0;    // owners: live views
+    Py_ssize_t exports = 0;  // owners: buffers exported from it or from its views
 };
 
 struct ArrayObject {
