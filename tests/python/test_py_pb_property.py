@@ -1,0 +1,104 @@
+"""Random nested values through parameters, the loopback result and back, against what the dispatch rules
+say must come back."""
+
+import math
+
+import numpy as np
+from hypothesis import HealthCheck, given, settings, strategies as st
+
+import veltramultidimarrayforpython as vpkg
+from py_pb_peer import roundtrip
+
+PACKAGE_TYPES = {np.dtype(np.float64): vpkg.double, np.dtype(np.int32): vpkg.int32, np.dtype(np.uint8): vpkg.uint8,
+                 np.dtype(np.bool_): vpkg.logical}
+
+# U+FEFF and U+FFFE at the start of a char array read as a byte-order mark on the way back; keep them out.
+text = st.text(st.characters(blacklist_categories=("Cs",), blacklist_characters="\ufeff\ufffe"), max_size=8)
+names = st.from_regex(r"[A-Za-z][A-Za-z0-9_]{0,10}", fullmatch=True)
+scalars = st.one_of(
+    st.floats(allow_nan=False),
+    st.integers(-2**63, 2**63 - 1),
+    st.booleans(),
+    st.complex_numbers(allow_nan=False),
+    text,
+    st.binary(max_size=6),
+    st.builds(bytearray, st.binary(max_size=3)),
+)
+arrays = st.builds(
+    lambda dtype, shape, order, seed: np.asarray(
+        np.random.default_rng(seed).integers(0, 100, size=shape).astype(dtype), order=order),
+    st.sampled_from(sorted(PACKAGE_TYPES, key=str)),
+    st.lists(st.integers(0, 3), min_size=0, max_size=3).map(tuple),
+    st.sampled_from("CF"),
+    st.integers(0, 2**32 - 1),
+)
+hashable = st.one_of(st.floats(allow_nan=False), st.integers(-2**63, 2**63 - 1), text, st.binary(max_size=4))
+values = st.recursive(
+    st.one_of(scalars, arrays),
+    lambda inner: st.one_of(
+        st.lists(inner, max_size=4),
+        st.lists(inner, max_size=4).map(tuple),
+        st.sets(hashable, max_size=4),
+        st.dictionaries(names, inner, max_size=4),
+    ),
+    max_leaves=12,
+)
+
+
+def engine_dims(shape):
+    return (1, 1) if len(shape) == 0 else (1, shape[0]) if len(shape) == 1 else shape
+
+
+def expected(v, in_cell):
+    """What comes back for v: in a cell (list, tuple, set, or the outputs) empty values become []."""
+    if isinstance(v, (bytes, bytearray)):
+        if len(v) == 0 and in_cell:
+            return []
+        return v[0] if len(v) == 1 else ("uint8", [list(v)] if v else np.zeros((1, 0), np.uint8).tolist())
+    if isinstance(v, str):
+        return [] if (in_cell and v == "") else v
+    if isinstance(v, (list, tuple)):
+        return [expected(e, True) for e in v]
+    if isinstance(v, set):
+        copy = set(v)
+        return [expected(copy.pop(), True) for _ in range(len(v))]
+    if isinstance(v, dict):
+        return {k: expected(e, False) for k, e in v.items()}
+    if isinstance(v, np.ndarray):
+        if v.size == 0 and in_cell:
+            return []
+        if v.size == 1:
+            return v.reshape(-1)[0].item()
+        return (PACKAGE_TYPES[v.dtype].__name__, v.reshape(engine_dims(v.shape)).tolist())
+    return v
+
+
+def observed(v):
+    """What came back, in the form of `expected`: package arrays as (type name, nested list)."""
+    if isinstance(v, list):
+        return [observed(e) for e in v]
+    if isinstance(v, dict):
+        return {k: observed(e) for k, e in v.items()}
+    if type(v).__module__ == "veltra":
+        return (type(v).__name__, np.asarray(v).tolist())
+    return v
+
+
+def same(a, b):
+    if isinstance(a, float) and isinstance(b, float):
+        return a == b and math.copysign(1, a) == math.copysign(1, b)
+    if type(a) is not type(b):
+        return False
+    if isinstance(a, (list, tuple)):
+        return len(a) == len(b) and all(same(x, y) for x, y in zip(a, b))
+    if isinstance(a, dict):
+        return list(a) == list(b) and all(same(a[k], b[k]) for k in a)
+    return a == b
+
+
+@settings(max_examples=300, deadline=None, suppress_health_check=[HealthCheck.too_slow])
+@given(st.lists(values, max_size=4))
+def test_random_values_come_back_as_the_dispatch_rules_say(args):
+    back = roundtrip(*args)
+    want = [expected(v, True) for v in args]
+    assert same(observed(back), want), (back, want)
