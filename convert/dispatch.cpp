@@ -53,10 +53,7 @@ struct TypeRegistry {
         byName.emplace(name, c);
         if (builtin) builtins.emplace_back(builtin, c);
     }
-    ToArrayPtr find(const std::string& name) const {
-        auto it = byName.find(name);
-        return it == byName.end() ? nullptr : it->second;
-    }
+    const ToArrayPtr& find(const std::string& name) const { return byName.at(name); }
 };
 
 // Converters that belong to later work hold their keys with NotYetConvertible, so their objects are refused
@@ -180,13 +177,57 @@ void ensureRegistries(const std::shared_ptr<ArrayFactory>& f) {
     });
 }
 
+// The registered converter for obj (or for a), without taking a new shared reference: the registries live
+// for the whole process. An empty pointer has a Python exception set.
+const ToArrayPtr& lookup(PyObject* obj) {
+    static const ToArrayPtr kNone;
+    const TypeRegistry& r = *g_types;
+    if (!obj) return r.null;
+
+    PyTypeObject* type = Py_TYPE(obj);
+    for (const auto& [builtin, converter] : r.builtins)
+        if (type == builtin) return converter;
+
+    const std::optional<std::string> name = detail::pythonTypeName(obj);
+    if (!name) return r.null;
+    auto it = r.byName.find(*name);
+    if (it != r.byName.end()) return it->second;
+
+    const VeltraArrayCapi* capi = detail::capsule();
+    if (!capi) {
+        PyErr_SetString(PyExc_TypeError, kCapsuleIsNull.c_str());
+        return kNone;
+    }
+    if (capi->is_buffer(obj)) return r.buffer;
+    if (PyMapping_Check(obj)) return r.mapping;
+    PyErr_SetString(PyExc_TypeError, detail::unsupportedTypeText(*name).c_str());
+    return kNone;
+}
+
+const ToPythonPtr& lookup(const Array& a, bool forceScalar) {
+    static const ToPythonPtr kNone;
+    if (foundation::veltradata::isSparse(a)) {
+        PyErr_SetString(PyExc_TypeError, kSparse.c_str());
+        return kNone;
+    }
+    const ArrayType type = a.getType();
+    const auto& registry = (!forceScalar && a.getNumberOfElements() != 1) ? g_kinds->array : g_kinds->scalar;
+    const int index = static_cast<int>(type);
+    if (foundation::veltradata::isValidArrayType(index)) {
+        const ToPythonPtr& converter = registry[static_cast<std::size_t>(index)];
+        if (converter) return converter;
+    }
+    PyErr_SetString(PyExc_TypeError, unsupportedKindText(type).c_str());
+    return kNone;
+}
+
 }  // namespace
 
 namespace VDAPBConverter {
 
 Factory::Factory() : arrayFactory_(std::make_shared<foundation::veltradata::ClientArrayFactory>()) {}
 
-std::shared_ptr<Factory> Factory::instance() {
+const std::shared_ptr<Factory>& Factory::instance() {
     static const std::shared_ptr<Factory> factory = [] {
         auto f = std::make_shared<Factory>();
         ensureRegistries(f->arrayFactory());
@@ -197,41 +238,12 @@ std::shared_ptr<Factory> Factory::instance() {
 
 std::shared_ptr<ConvertToVeltraDataArray> Factory::getConverter(PyObject* obj) {
     ensureRegistries(arrayFactory_);
-    const TypeRegistry& r = *g_types;
-    if (!obj) return r.null;
-
-    PyTypeObject* type = Py_TYPE(obj);
-    for (const auto& [builtin, converter] : r.builtins)
-        if (type == builtin) return converter;
-
-    const std::optional<std::string> name = detail::pythonTypeName(obj);
-    if (!name) return r.null;
-    if (ToArrayPtr converter = r.find(*name)) return converter;
-
-    const VeltraArrayCapi* capi = detail::capsule();
-    if (!capi) {
-        PyErr_SetString(PyExc_TypeError, kCapsuleIsNull.c_str());
-        return nullptr;
-    }
-    if (capi->is_buffer(obj)) return r.buffer;
-    if (PyMapping_Check(obj)) return r.mapping;
-    PyErr_SetString(PyExc_TypeError, detail::unsupportedTypeText(*name).c_str());
-    return nullptr;
+    return lookup(obj);
 }
 
 std::shared_ptr<ConvertVDAToPyObject> Factory::getConverter(const Array& a, bool forceScalar) {
     ensureRegistries(arrayFactory_);
-    if (foundation::veltradata::isSparse(a)) {
-        PyErr_SetString(PyExc_TypeError, kSparse.c_str());
-        return nullptr;
-    }
-    const ArrayType type = a.getType();
-    const auto& registry = (!forceScalar && a.getNumberOfElements() != 1) ? g_kinds->array : g_kinds->scalar;
-    const int index = static_cast<int>(type);
-    const ToPythonPtr converter =
-        foundation::veltradata::isValidArrayType(index) ? registry[static_cast<std::size_t>(index)] : nullptr;
-    if (!converter) PyErr_SetString(PyExc_TypeError, unsupportedKindText(type).c_str());
-    return converter;
+    return lookup(a, forceScalar);
 }
 
 }  // namespace VDAPBConverter
@@ -239,7 +251,8 @@ std::shared_ptr<ConvertVDAToPyObject> Factory::getConverter(const Array& a, bool
 namespace detail {
 
 std::optional<Array> convertToArray(PyObject* obj, const ConversionState& state) {
-    const std::shared_ptr<ConvertToVeltraDataArray> converter = VDAPBConverter::Factory::instance()->getConverter(obj);
+    VDAPBConverter::Factory::instance();  // fills the registries on first use
+    const ToArrayPtr& converter = lookup(obj);
     if (!converter) return std::nullopt;
     std::optional<Array> result = converter->convert(obj, state);
     if (!result) return std::nullopt;
@@ -255,7 +268,8 @@ std::optional<Array> convertToArray(PyObject* obj, const ConversionState& state)
 }
 
 PyObject* convertToPython(const Array& a) {
-    const std::shared_ptr<ConvertVDAToPyObject> converter = VDAPBConverter::Factory::instance()->getConverter(a, false);
+    VDAPBConverter::Factory::instance();  // fills the registries on first use
+    const ToPythonPtr& converter = lookup(a, false);
     if (!converter) return nullptr;
     return converter->convert(a);
 }

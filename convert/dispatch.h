@@ -17,7 +17,7 @@ namespace VDAPBConverter {
 // the standalone array factory that every registered converter shares.
 class Factory {
 public:
-    static std::shared_ptr<Factory> instance();
+    static const std::shared_ptr<Factory>& instance();
 
     // The converter registered for obj's type name, the "NULL" converter for a null object (or a type whose
     // name cannot be computed), the "<buffer>" converter for anything the capsule reads as a buffer, the

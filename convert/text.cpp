@@ -17,10 +17,11 @@ const std::string kCharShape = "char arrays returned from VELTRA must be 1-by-N 
 const std::string kStringShape = "string arrays returned from VELTRA must be 1-by-N or M-by-1 ";
 
 // Strict errors; native order, a leading byte-order mark is taken as one (and dropped).
-PyObject* decodeUtf16(const std::u16string& text) {
-    return PyUnicode_DecodeUTF16(reinterpret_cast<const char*>(text.data()),
-                                 static_cast<Py_ssize_t>(2 * text.size()), nullptr, nullptr);
+PyObject* decodeUtf16(const char16_t* units, std::size_t n) {
+    return PyUnicode_DecodeUTF16(reinterpret_cast<const char*>(units), static_cast<Py_ssize_t>(2 * n), nullptr,
+                                 nullptr);
 }
+PyObject* decodeUtf16(const std::u16string& text) { return decodeUtf16(text.data(), text.size()); }
 
 }  // namespace
 
@@ -59,7 +60,8 @@ PyObject* CharToPyStr::convert(const Array& a) {
         PyErr_SetString(PyExc_ValueError, kCharShape.c_str());
         return nullptr;
     }
-    return decodeUtf16(CharArray(a).toUTF16());
+    const CharArray chars(a);
+    return decodeUtf16(chars.data(), chars.getNumberOfElements());
 }
 
 PyObject* VLStringToPyStr::convert(const Array& a) {
