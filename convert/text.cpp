@@ -31,27 +31,52 @@ bool isRowOrColumn(const Array& a) {
     return !(dims.size() == 2 && dims[0] >= 2 && dims[1] > 1);
 }
 
-std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj) {
+namespace {
+
+// The UTF-16 encoding of a str without its byte-order mark, as the codec's bytes object holds it.
+struct Utf16Bytes {
+    PyRef bytes;
+    const char* data = nullptr;
+    std::size_t units = 0;
+};
+
+std::optional<Utf16Bytes> encodeUtf16(PyObject* obj) {
     if (!obj) return std::nullopt;
-    PyRef bytes = PyRef::steal(PyUnicode_AsUTF16String(obj));
-    if (!bytes) return std::nullopt;
-    const char* data = PyBytes_AsString(bytes.get());
-    if (!data) return std::nullopt;
-    Py_ssize_t size = PyBytes_Size(bytes.get());
+    Utf16Bytes out;
+    out.bytes = PyRef::steal(PyUnicode_AsUTF16String(obj));
+    if (!out.bytes) return std::nullopt;
+    out.data = PyBytes_AsString(out.bytes.get());
+    if (!out.data) return std::nullopt;
+    Py_ssize_t size = PyBytes_Size(out.bytes.get());
     if (size >= 2) {  // the codec always writes a byte-order mark first
-        data += 2;
+        out.data += 2;
         size -= 2;
     }
-    std::u16string out(static_cast<std::size_t>(size / 2), u'\0');
-    if (!out.empty()) std::memcpy(out.data(), data, out.size() * sizeof(char16_t));
+    out.units = static_cast<std::size_t>(size / 2);  // an odd trailing byte is dropped
+    return out;
+}
+
+}  // namespace
+
+std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj) {
+    std::optional<Utf16Bytes> encoded = encodeUtf16(obj);
+    if (!encoded) return std::nullopt;
+    std::u16string out(encoded->units, u'\0');
+    if (!out.empty()) std::memcpy(out.data(), encoded->data, out.size() * sizeof(char16_t));
     return out;
 }
 
 std::optional<Array> PyStrToCharOrString::convert(PyObject* obj, const ConversionState& state) {
     if (!obj) return std::nullopt;
+    if (!state.allowString || !state.notNested) {
+        // Char data goes from the codec's buffer straight into the array.
+        std::optional<Utf16Bytes> encoded = encodeUtf16(obj);
+        if (!encoded) return std::nullopt;
+        return factory().createArrayWithData(ArrayType::CHAR, {1, encoded->units}, encoded->data,
+                                             encoded->units * sizeof(char16_t));
+    }
     std::optional<std::u16string> text = pyUnicodeToUtf16(obj);
     if (!text) return std::nullopt;
-    if (!state.allowString || !state.notNested) return std::move(factory().createCharArray(*text));
     return factory().createScalar(*text);
 }
 
