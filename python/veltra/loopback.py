@@ -75,14 +75,21 @@ def _fields(data):
         yield field, wire_type, value
 
 
+def _inputs(params):
+    return [v for f, wt, v in _fields(params) if f == _PARAMS_RHS and wt == _LEN]
+
+
 def input_arrays(params):
     """The serialized VELTRA_Array messages of a parameters message, in order."""
-    return [bytes(v) for f, wt, v in _fields(params) if f == _PARAMS_RHS and wt == _LEN]
+    return [bytes(v) for v in _inputs(params)]
 
 
 def loopback(params):
     """The VELTRA_Result (bytes) whose outputs are the inputs of the VELTRA_Params ``params``."""
-    return b"".join(_len_field(_RESULT_LHS, array) for array in input_arrays(params))
+    parts = []
+    for array in _inputs(params):  # slices of params: each payload is copied once, into the result
+        parts += [_varint(_RESULT_LHS << 3 | _LEN), _varint(len(array)), array]
+    return b"".join(parts)
 
 
 def error_result(message, identifier=None, stack=()):
