@@ -114,6 +114,23 @@ def big_arrays(report, repeat):
         out = py_pb.serialized_str_to_py(result)
         return np.asarray(out[0])
 
+    # Where the time goes: each stage on its own (informational).
+    import veltra
+
+    print("  stages:")
+    for label, fn in [
+        ("  numpy F -> veltra.double (one copy)", lambda: veltra.double(a_f)),
+        ("  numpy C -> veltra.double (reordering copy)", lambda: veltra.double(a_c)),
+        ("  numpy.asfortranarray(aC)", lambda: np.asfortranarray(a_c)),
+    ]:
+        report.ratio(label, best(fn, repeat), copy_c, "plain copy (C order)")
+    held = veltra.double(a_f)
+    report.ratio("  veltra.double -> params bytes (one copy)", best(lambda: py_pb.py_to_serialized_str((held,)), repeat),
+                 copy_c, "plain copy (C order)")
+    del held
+    report.ratio("  result bytes -> veltra.double", best(lambda: py_pb.serialized_str_to_py(result), repeat),
+                 copy_c, "plain copy (C order)")
+
     view = read_result()
     assert view.shape == BIG_SHAPE and np.array_equal(view, a_f)
     del view
@@ -220,7 +237,7 @@ def main():
     if "small" in groups:
         small_call(report, repeat)
     if "big" in groups:
-        big_arrays(report, max(3, repeat // 2))
+        big_arrays(report, max(3, repeat - 2))
     if "peak" in groups:
         peak_memory(report)
     if "many" in groups:
