@@ -519,6 +519,40 @@ PyObject* methReshape(PyObject* self, PyObject* args) {
     }
 }
 
+// copy.copy and copy.deepcopy: a new owner sharing the elements until either side writes.
+PyObject* methCopy(PyObject* self, PyObject*) {
+    try {
+        return newOwner(typeIndexOrRaise(self), arrayOf(self));
+    } catch (...) {
+        setErrorFromCurrentException();
+        return nullptr;
+    }
+}
+
+// Pickling: (type, (elements in column-major order, size, is_complex)).
+PyObject* methReduce(PyObject* self, PyObject*) {
+    try {
+        const int index = typeIndexOrRaise(self);
+        Array a = arrayOf(self);
+        const ArrayType kind = a.getType();
+        const std::size_t es = elementSize(kind);
+        const std::uint64_t n = a.getNumberOfElements();
+        Ref flat = check(PyList_New(static_cast<Py_ssize_t>(n)));
+        const std::uint8_t* p = a.impl().get<veltra::data::AlignedBuffer>().data();
+        for (std::uint64_t i = 0; i < n; ++i) {
+            PyObject* v = scalarToPython(p + i * es, kind);
+            if (!v) return nullptr;
+            PyList_SetItem(flat.get(), static_cast<Py_ssize_t>(i), v);
+        }
+        Ref size = check(getSize(self, nullptr));
+        return Py_BuildValue("O(OOO)", typeObject(index), flat.get(), size.get(),
+                             isComplexType(kind) ? Py_True : Py_False);
+    } catch (...) {
+        setErrorFromCurrentException();
+        return nullptr;
+    }
+}
+
 PyGetSetDef kGetSet[] = {
     {"size", getSizeSafe, nullptr, const_cast<char*>("The dimensions, as a tuple."), nullptr},
     {"_is_complex", getIsComplex, nullptr, const_cast<char*>("True when the elements are complex."), nullptr},
@@ -529,6 +563,9 @@ PyMethodDef kMethods[] = {
     {"tolist", methToList, METH_NOARGS, "The elements as nested lists, one level per dimension."},
     {"reshape", methReshape, METH_VARARGS,
      "reshape(*dims) or reshape(dims): change the dimensions in place, keeping the column-major element order."},
+    {"__copy__", methCopy, METH_NOARGS, "A copy (the elements are shared until either side writes)."},
+    {"__deepcopy__", methCopy, METH_O, "A copy (the elements are shared until either side writes)."},
+    {"__reduce__", methReduce, METH_NOARGS, "Pickling support."},
     {nullptr, nullptr, 0, nullptr},
 };
 
@@ -537,9 +574,7 @@ PyMemberDef kMembers[] = {
     {nullptr, 0, 0, 0, nullptr},
 };
 
-const char kDoc[] =
-    "(initializer=None, size=None, is_complex=False)\n"
-    "--\n\n"
+const char kDocBody[] =
     "An N-dimensional array of the engine, column-major, with at least two dimensions.\n\n"
     "initializer: a number; a rectangular nested sequence (a flat sequence gives a 1-by-N row, a sequence of\n"
     "rows gives rows-by-columns, deeper nesting adds dimensions); any buffer-protocol object or numpy array\n"
@@ -560,7 +595,7 @@ PyType_Slot kSlots[] = {
     {Py_tp_getset, kGetSet},
     {Py_tp_methods, kMethods},
     {Py_tp_members, kMembers},
-    {Py_tp_doc, const_cast<char*>(kDoc)},
+    {Py_tp_doc, nullptr},  // per type, see createTypes
     {Py_mp_length, reinterpret_cast<void*>(mpLength)},
     {Py_mp_subscript, reinterpret_cast<void*>(mpSubscript)},
     {Py_mp_ass_subscript, reinterpret_cast<void*>(mpAssSubscript)},
@@ -574,11 +609,20 @@ PyType_Slot kSlots[] = {
 }  // namespace
 
 bool createTypes() {
-    static std::string names[kTypeCount];
+    static std::string names[kTypeCount], docs[kTypeCount];
+    constexpr std::size_t kSlotCount = sizeof(kSlots) / sizeof(kSlots[0]);
+    static PyType_Slot slots[kTypeCount][kSlotCount];
     for (int i = 0; i < kTypeCount; ++i) {
         if (g_types[i]) continue;
         names[i] = fullName(i);
-        PyType_Spec spec = {names[i].c_str(), static_cast<int>(sizeof(ArrayObject)), 0, Py_TPFLAGS_DEFAULT, kSlots};
+        // "double(initializer=None, ...)\n--\n\n" becomes the type's __text_signature__.
+        docs[i] = std::string(kTypeNames[i]) + "(initializer=None, size=None, is_complex=False)\n--\n\n" + kDocBody;
+        for (std::size_t k = 0; k < kSlotCount; ++k) {
+            slots[i][k] = kSlots[k];
+            if (kSlots[k].slot == Py_tp_doc) slots[i][k].pfunc = const_cast<char*>(docs[i].c_str());
+        }
+        PyType_Spec spec = {names[i].c_str(), static_cast<int>(sizeof(ArrayObject)), 0,
+                            Py_TPFLAGS_DEFAULT | Py_TPFLAGS_IMMUTABLETYPE, slots[i]};
         g_types[i] = PyType_FromSpec(&spec);
         if (!g_types[i]) return false;
     }

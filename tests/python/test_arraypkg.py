@@ -597,3 +597,25 @@ def test_weak_references():
     assert r() is x
     del x
     assert r() is None
+
+
+def test_copies_share_until_written_and_pickles_round_trip():
+    import copy
+    import inspect
+    import pickle
+
+    x = vpkg.int16([[1, 2], [3, 4]], is_complex=True)
+    for make in (copy.copy, copy.deepcopy):
+        y = make(x)
+        assert type(y) is vpkg.int16 and y == x and vpkg._holds(x) == 2
+        y[0, 0] = 9
+        assert x[0, 0] == 1 and vpkg._holds(x) == 1
+    row = copy.copy(x[1])
+    assert row.size == (1, 2) and row.tolist() == [[3, 4]]
+    for value in (x, vpkg.double(size=(0, 3)), vpkg.logical([[True], [False]]), x[:, 1], vpkg.uint64([2**64 - 1])):
+        again = pickle.loads(pickle.dumps(value))
+        assert type(again) is type(value) and again._is_complex == value._is_complex
+        assert np.array_equal(np.asarray(again).reshape(-1, order="F"), np.asarray(value).reshape(-1, order="F"))
+    assert str(inspect.signature(vpkg.int8)) == "(initializer=None, size=None, is_complex=False)"
+    with pytest.raises(TypeError):
+        vpkg.double.extra = 1

@@ -408,3 +408,81 @@ def test_logical_buffers_normalise_bytes():
     x = vpkg._capi_roundtrip(raw)
     assert x.tolist() == [[False, True, True, True]]
     assert np.asarray(x).view(np.uint8).tolist() == [[0, 1, 1, 1]]
+
+
+# ---------------------------------------------------------------------------------------------------------
+# The reordering copy beyond small shapes: tile edges, every element size, odd stride patterns
+
+
+@pytest.mark.parametrize("dtype", ["i1", "<i2", ">i2", "<f4", ">f4", "<f8", ">f8", "<c8", ">c8", "<c16", ">c16",
+                                   "?", "<u8"])
+@pytest.mark.parametrize(
+    "make_view",
+    [
+        lambda a: a,  # C order: the transposing path
+        lambda a: a.T,  # Fortran order: straight runs
+        lambda a: a[::-1, ::3],
+        lambda a: a[5:, 1::2].T[::-1],
+        lambda a: a.reshape(a.shape[0], -1, 5)[:, ::2].transpose(2, 0, 1),
+        lambda a: np.moveaxis(a.reshape(a.shape[0], -1, 5), 0, 1),
+    ],
+    ids=["C", "F", "reversed-stepped", "transposed-slice", "3d-permuted", "3d-moved"],
+)
+def test_reordering_copy_across_tile_edges(dtype, make_view):
+    base = (np.arange(67 * 130) * 7919 % 2003).reshape(67, 130)
+    a = make_view(base.astype(dtype))
+    x = vpkg._capi_roundtrip(a)
+    assert x.size == a.shape
+    got = np.asarray(x)
+    want = a.astype(np.dtype(dtype).newbyteorder("="))
+    assert got.dtype == want.dtype
+    np.testing.assert_array_equal(got, want)
+
+
+try:
+    from hypothesis import given, settings, strategies as st
+    from hypothesis.extra import numpy as hnp
+except ImportError:  # pragma: no cover
+    given = None
+
+
+if given is not None:
+
+    @st.composite
+    def strided_arrays(draw):
+        dtype = draw(st.sampled_from(list(DTYPES)))
+        if dtype.itemsize > 1 and draw(st.booleans()):
+            dtype = dtype.newbyteorder()
+        shape = draw(hnp.array_shapes(min_dims=0, max_dims=4, min_side=0, max_side=6))
+        order = draw(st.sampled_from("CF"))
+        a = np.array(draw(hnp.arrays(dtype.newbyteorder("="), shape)), dtype=dtype, order=order)
+        key = tuple(draw(st.slices(n)) for n in shape)
+        return a[key] if shape else a
+
+    @settings(max_examples=300, deadline=None)
+    @given(strided_arrays())
+    def test_any_strided_array_roundtrips(a):
+        x = vpkg._capi_roundtrip(a)
+        assert x.size == engine_shape(a.shape)
+        np.testing.assert_array_equal(np.asarray(x), a.reshape(x.size))
+
+    @settings(max_examples=300, deadline=None)
+    @given(st.data())
+    def test_indexing_agrees_with_numpy(data):
+        shape = data.draw(hnp.array_shapes(min_dims=2, max_dims=4, min_side=0, max_side=5))
+        values = np.arange(math.prod(shape), dtype=np.int32).reshape(shape)
+        x = vpkg.int32(values)
+        key = data.draw(hnp.basic_indices(shape, min_dims=0, allow_newaxis=False, allow_ellipsis=False))
+        got, want = x[key], values[key]
+        if isinstance(got, int):
+            assert np.ndim(want) == 0 and got == want
+        else:
+            assert got.size == want.shape
+            np.testing.assert_array_equal(np.asarray(got), want)
+            assert got.tolist() == want.tolist()
+            # Writing through the view lands where numpy's view of the same region points.
+            fresh = vpkg.int32(values)
+            fresh[key] = -1
+            expect = values.copy()
+            expect[key] = -1
+            np.testing.assert_array_equal(np.asarray(fresh), expect)
