@@ -134,7 +134,10 @@ public:
             for (Py_ssize_t i = 0; i < len; ++i) {
                 path_.back() = static_cast<std::uint64_t>(i);
                 // A strong reference: converting later elements may run code that changes this sequence.
-                Ref item = check(PySequence_GetItem(o, i));
+                Ref item = PyList_Check(o)    ? Ref::borrow(PyList_GetItem(o, i))
+                           : PyTuple_Check(o) ? Ref::borrow(PyTuple_GetItem(o, i))
+                                              : Ref::steal(PySequence_GetItem(o, i));
+                if (!item) throw PyErrorSet{};
                 walk(item.get(), depth + 1);
             }
             path_.pop_back();

@@ -41,10 +41,11 @@ std::string fullName(int index) { return std::string("veltra.") + kTypeNames[ind
 void setOwnerLayout(Body& b) {
     b.shape = b.array.getDimensions();
     b.strides.assign(b.shape.size(), 0);
-    std::int64_t s = 1;
+    // Unsigned: an empty array may have dimensions whose product does not fit (its strides are never used).
+    std::uint64_t s = 1;
     for (std::size_t k = 0; k < b.shape.size(); ++k) {
-        b.strides[k] = s;
-        s *= static_cast<std::int64_t>(b.shape[k]);
+        b.strides[k] = static_cast<std::int64_t>(s);
+        s *= b.shape[k];
     }
     b.offset = 0;
 }
@@ -56,19 +57,19 @@ std::uint64_t countOf(const std::vector<std::uint64_t>& shape) {
 }
 
 bool isColumnMajor(const Body& b) {
-    std::int64_t s = 1;
+    std::uint64_t s = 1;
     for (std::size_t k = 0; k < b.shape.size(); ++k) {
-        if (b.shape[k] != 1 && b.strides[k] != s) return false;
-        s *= static_cast<std::int64_t>(b.shape[k]);
+        if (b.shape[k] != 1 && b.strides[k] != static_cast<std::int64_t>(s)) return false;
+        s *= b.shape[k];
     }
     return true;
 }
 
 bool isRowMajor(const Body& b) {
-    std::int64_t s = 1;
+    std::uint64_t s = 1;
     for (std::size_t k = b.shape.size(); k-- > 0;) {
-        if (b.shape[k] != 1 && b.strides[k] != s) return false;
-        s *= static_cast<std::int64_t>(b.shape[k]);
+        if (b.shape[k] != 1 && b.strides[k] != static_cast<std::int64_t>(s)) return false;
+        s *= b.shape[k];
     }
     return true;
 }
@@ -157,6 +158,8 @@ void applyKey(Region& r, std::size_t& axis, std::size_t dim, std::size_t ndim, P
         raise(PyExc_IndexError, "too many indices: the array has " + std::to_string(ndim) +
                                     (ndim == 1 ? " dimension" : " dimensions"));
     }
+    if (r.shape[axis] > static_cast<std::uint64_t>(PY_SSIZE_T_MAX))
+        raise(PyExc_IndexError, "dimension " + std::to_string(dim) + " is too large to index");
     const std::int64_t len = static_cast<std::int64_t>(r.shape[axis]);
     if (PySlice_Check(key)) {
         Py_ssize_t start, stop, step;
@@ -364,7 +367,12 @@ PyObject* tpRichCompare(PyObject* self, PyObject* other, int op) {
 
 Py_ssize_t mpLength(PyObject* self) {
     const Body& b = bodyOf(self);
-    return b.shape.empty() ? 0 : static_cast<Py_ssize_t>(b.shape[0]);
+    if (b.shape.empty()) return 0;
+    if (b.shape[0] > static_cast<std::uint64_t>(PY_SSIZE_T_MAX)) {
+        PyErr_SetString(PyExc_OverflowError, "the first dimension is too large for len()");
+        return -1;
+    }
+    return static_cast<Py_ssize_t>(b.shape[0]);
 }
 
 PyObject* mpSubscript(PyObject* self, PyObject* key) {
@@ -404,6 +412,8 @@ int bfGetBuffer(PyObject* self, Py_buffer* view, int flags) {
         const Body& b = bodyOf(self);
         const ArrayType kind = ob.array.getType();
         const std::size_t es = elementSize(kind);
+        for (std::uint64_t d : b.shape)
+            if (d > static_cast<std::uint64_t>(PY_SSIZE_T_MAX)) raise(PyExc_BufferError, "the array is too large to export");
         const bool fOrder = isColumnMajor(b), cOrder = isRowMajor(b);
         if ((flags & PyBUF_F_CONTIGUOUS) == PyBUF_F_CONTIGUOUS && !fOrder)
             raise(PyExc_BufferError, "the array is not Fortran-contiguous");
