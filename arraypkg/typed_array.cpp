@@ -503,9 +503,9 @@ PyObject* methToList(PyObject* self, PyObject*) {
 PyObject* methReshape(PyObject* self, PyObject* args) {
     try {
         const int index = typeIndexOrRaise(self);
-        PyObject* spec = args;
-        if (PyTuple_Size(args) == 1 && !PyIndex_Check(PyTuple_GetItem(args, 0))) spec = PyTuple_GetItem(args, 0);
-        Dims dims = parseSize(spec, "reshape");
+        PyObject* dimsArg = args;
+        if (PyTuple_Size(args) == 1 && !PyIndex_Check(PyTuple_GetItem(args, 0))) dimsArg = PyTuple_GetItem(args, 0);
+        Dims dims = parseSize(dimsArg, "reshape");
         Body& b = bodyOf(self);
         if (b.owner) {
             raise(PyExc_ValueError, "a sub-array view cannot be reshaped in place; copy it first with " +
