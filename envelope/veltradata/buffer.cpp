@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <mutex>
 #include <new>
 #include <utility>
 
@@ -34,6 +35,70 @@ void checkAllocationSize(std::size_t bytes) {
     if (bytes > limit) throw std::bad_alloc();
 }
 
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__)
+#define VELTRA_POOL_SMALL_BLOCKS 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VELTRA_POOL_SMALL_BLOCKS 0
+#endif
+#endif
+#ifndef VELTRA_POOL_SMALL_BLOCKS
+#define VELTRA_POOL_SMALL_BLOCKS 1
+#endif
+
+// Scalars and other tiny arrays are the most frequent allocation by far. Aligned allocation of many small
+// blocks fragments the general heap badly (memalign splits chunks), so blocks of one alignment unit come from
+// slabs kept on a free list instead. Slabs are never returned: what is kept is bounded by the peak number of
+// small arrays alive at once. Sanitizer builds allocate each block separately so that misuse is still caught.
+class SmallBlockPool {
+public:
+    static constexpr std::size_t kBlock = AlignedBuffer::kAlignment;
+    static constexpr std::size_t kBlocksPerSlab = 256;
+
+    void* allocate() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!free_) refill();
+        Node* n = free_;
+        free_ = n->next;
+        return n;
+    }
+    void deallocate(void* p) noexcept {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Node* n = static_cast<Node*>(p);
+        n->next = free_;
+        free_ = n;
+    }
+
+private:
+    struct Node {
+        Node* next;
+    };
+    void refill() {
+        void* slab = std::aligned_alloc(kBlock, kBlock * kBlocksPerSlab);
+        if (!slab) throw std::bad_alloc();
+        auto* bytes = static_cast<std::uint8_t*>(slab);
+        for (std::size_t i = kBlocksPerSlab; i-- > 0;) {
+            Node* n = reinterpret_cast<Node*>(bytes + i * kBlock);
+            n->next = free_;
+            free_ = n;
+        }
+    }
+    std::mutex mutex_;
+    Node* free_ = nullptr;
+};
+
+SmallBlockPool& smallBlocks() {
+    // Never destroyed: buffers held by static arrays may be released during exit.
+    static SmallBlockPool* const pool = new SmallBlockPool();
+    return *pool;
+}
+
+constexpr bool kPoolSmallBlocks = VELTRA_POOL_SMALL_BLOCKS != 0;
+
+}  // namespace
+
 alignas(AlignedBuffer::kAlignment) std::uint8_t AlignedBuffer::empty_[AlignedBuffer::kAlignment] = {};
 
 AlignedBuffer::AlignedBuffer(std::size_t bytes, bool zeroed) : size_(bytes) {
@@ -52,6 +117,11 @@ AlignedBuffer::AlignedBuffer(std::size_t bytes, bool zeroed) : size_(bytes) {
         mapBase_ = base;
         mapped_ = len;
         data_ = reinterpret_cast<std::uint8_t*>(aligned);
+        return;
+    }
+    if (kPoolSmallBlocks && bytes <= SmallBlockPool::kBlock) {
+        data_ = static_cast<std::uint8_t*>(smallBlocks().allocate());
+        if (zeroed) std::memset(data_, 0, bytes);
         return;
     }
     std::size_t rounded = (bytes + kAlignment - 1) / kAlignment * kAlignment;
@@ -83,6 +153,8 @@ AlignedBuffer::~AlignedBuffer() { reset(); }
 void AlignedBuffer::reset() noexcept {
     if (mapped_) {
         ::munmap(mapBase_, mapped_);
+    } else if (kPoolSmallBlocks && data_ && size_ <= SmallBlockPool::kBlock) {
+        smallBlocks().deallocate(data_);
     } else {
         std::free(data_);
     }
