@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <optional>
 #include <string>
@@ -9,6 +10,7 @@
 #include "convert/dispatch.h"
 #include "convert/py_ref.h"
 #include "envelope/call_messages.h"
+#include "veltradata/buffer.h"
 #include "module/keywords.h"
 
 namespace PythonVeltraDataArray::module {
@@ -27,6 +29,7 @@ const char* const kOnePositional = "py_to_serialized_str requires exactly one po
 const char* const kNullObject = "passing null Python object pointer to VELTRA not supported";
 const char* const kUnknownException = "Unknown exception";
 const char* const kReadFailed = "Exception thrown from protobuf2vdata with the following content:";
+constexpr std::size_t kHugePageWorthwhile = std::size_t{8} << 20;
 
 PyObject* fail(PyObject* type, const char* text) {
     PyErr_SetString(type, text);
@@ -48,7 +51,10 @@ PyObject* buildParams(PyObject* obj, std::int32_t nargout) {
     // Sized first, then written once straight into the bytes object that is returned.
     PyRef bytes = PyRef::steal(PyBytes_FromStringAndSize(nullptr, static_cast<Py_ssize_t>(size)));
     if (!bytes) return nullptr;
-    message.writeTo(reinterpret_cast<std::uint8_t*>(PyBytes_AsString(bytes.get())));
+    std::uint8_t* out = reinterpret_cast<std::uint8_t*>(PyBytes_AsString(bytes.get()));
+    // Large messages are written into fresh memory: huge pages halve the cost of first touch.
+    if (size >= kHugePageWorthwhile) veltra::data::adviseHugePages(out, size);
+    message.writeTo(out);
     return bytes.release();
 }
 
@@ -83,10 +89,12 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
             PyErr_Clear();
             return fail(PyExc_ValueError, kArgsInvalid);
         }
-        // Our own copy; the caller's buffer is let go before anything else runs.
-        std::string data;
+        // Our own copy; the caller's buffer is let go before anything else runs. (An aligned buffer: large
+        // ones get huge pages, small ones come from the library's pool.)
+        veltra::data::AlignedBuffer data;
         try {
-            data.assign(static_cast<const char*>(view.buf), static_cast<std::size_t>(view.len));
+            data = veltra::data::AlignedBuffer(static_cast<std::size_t>(view.len), false);
+            if (view.len) std::memcpy(data.data(), view.buf, static_cast<std::size_t>(view.len));
         } catch (...) {
             PyBuffer_Release(&view);
             throw;
@@ -101,7 +109,7 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
         // direction, and callers rely on it.
         Array result;
         try {
-            result = foundation::protobuf::common::readResult(data);
+            result = foundation::protobuf::common::readResult(data.data(), data.size());
         } catch (const std::exception& e) {
             std::fprintf(stderr, "%s\n%s\n", kReadFailed, e.what());
             std::fflush(stderr);

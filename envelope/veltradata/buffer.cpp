@@ -99,6 +99,15 @@ constexpr bool kPoolSmallBlocks = VELTRA_POOL_SMALL_BLOCKS != 0;
 
 }  // namespace
 
+void adviseHugePages(void* p, std::size_t bytes) noexcept {
+#ifdef MADV_HUGEPAGE
+    const auto begin = reinterpret_cast<std::uintptr_t>(p);
+    const std::uintptr_t first = (begin + kHugePage - 1) & ~(kHugePage - 1);
+    const std::uintptr_t last = (begin + bytes) & ~(kHugePage - 1);
+    if (last > first) ::madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+#endif
+}
+
 alignas(AlignedBuffer::kAlignment) std::uint8_t AlignedBuffer::empty_[AlignedBuffer::kAlignment] = {};
 
 AlignedBuffer::AlignedBuffer(std::size_t bytes, bool zeroed) : size_(bytes) {
@@ -111,9 +120,7 @@ AlignedBuffer::AlignedBuffer(std::size_t bytes, bool zeroed) : size_(bytes) {
         if (base == MAP_FAILED) throw std::bad_alloc();
         auto addr = reinterpret_cast<std::uintptr_t>(base);
         std::uintptr_t aligned = (addr + kHugePage - 1) & ~(kHugePage - 1);
-#ifdef MADV_HUGEPAGE
-        ::madvise(reinterpret_cast<void*>(aligned), bytes, MADV_HUGEPAGE);
-#endif
+        adviseHugePages(reinterpret_cast<void*>(aligned), bytes);
         mapBase_ = base;
         mapped_ = len;
         data_ = reinterpret_cast<std::uint8_t*>(aligned);

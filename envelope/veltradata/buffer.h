@@ -12,6 +12,10 @@ namespace veltra::data {
 // safe, since some allocators (sanitizer runtimes among them) abort on absurd requests instead of failing.
 void checkAllocationSize(std::size_t bytes);
 
+// Asks the kernel to back the whole 2 MiB pages inside [p, p + bytes) with huge pages before they are first
+// written; worth it only for blocks of several MiB that are about to be filled.
+void adviseHugePages(void* p, std::size_t bytes) noexcept;
+
 class AlignedBuffer {
 public:
     static constexpr std::size_t kAlignment = 64;
