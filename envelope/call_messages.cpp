@@ -151,7 +151,7 @@ std::string ParamsMessage::serialize() const {
 
 Array readResult(const std::uint8_t* data, std::size_t size) {
     ClientArrayFactory factory;
-    std::vector<Span> lhs;
+    wire::SmallVector<Span, 8> lhs;  // a call mostly has a few outputs
     bool hasError = false;
     ErrorFields error;
 

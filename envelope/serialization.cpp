@@ -387,7 +387,10 @@ struct ArrayFields {
     std::uint32_t seen = 0;  // bit f: field f occurred
     std::vector<std::uint64_t> dims, lengths, externalDims, rows, cols;
     Span data, units, className;
-    std::vector<Span> elements, fieldNames, firstProps, secondProps, objects, handles, enumNames;
+    // Cells and structs are mostly small: their lists of element and field-name positions start inline.
+    wire::SmallVector<Span, 8> elements;
+    wire::SmallVector<Span, 4> fieldNames;
+    std::vector<Span> firstProps, secondProps, objects, handles, enumNames;
     bool notUniform = false;
 };
 
@@ -575,7 +578,7 @@ std::uint8_t* encodeArray(const Array& a, std::uint8_t* out) {
 Array decodeArray(const std::uint8_t* data, std::size_t size, ArrayFactory& factory, int depth) {
     if (depth > kMaxNestingDepth)
         malformed("arrays are nested more than " + std::to_string(kMaxNestingDepth) + " levels deep");
-    const ArrayFields f = parseArray(Span{data, size});
+    ArrayFields f = parseArray(Span{data, size});
 
     if (!isValidArrayType(f.type) || f.type == static_cast<int>(ArrayType::CLASSIC_OBJECT))
         throw InvalidArrayTypeException();
@@ -589,7 +592,7 @@ Array decodeArray(const std::uint8_t* data, std::size_t size, ArrayFactory& fact
         while (!(extra & bit(field))) ++field;
         malformed("field " + std::to_string(field) + " does not belong to an array of type " + typeText(t));
     }
-    const Dims dims = normalizeDims(f.dims);
+    Dims dims = normalizeDims(std::move(f.dims));  // f.dims is not used again
     const std::uint64_t numel = checkedElements(dims);
 
     if (isRawBufferType(t)) {
@@ -604,7 +607,7 @@ Array decodeArray(const std::uint8_t* data, std::size_t size, ArrayFactory& fact
         // normalised by the library when it adopts the buffer.
         AlignedBuffer buf(want, false);
         if (want) std::memcpy(buf.data(), f.data.data, want);
-        return factory.adoptBuffer(t, dims, std::move(buf));
+        return factory.adoptBuffer(t, std::move(dims), std::move(buf));
     }
 
     if (isSparseType(t)) {
@@ -658,7 +661,7 @@ Array decodeArray(const std::uint8_t* data, std::size_t size, ArrayFactory& fact
             std::vector<Array> values;
             values.reserve(f.elements.size());
             for (Span e : f.elements) values.push_back(decodeAt(e, factory, depth + 1));
-            return factory.createCellArray(dims, std::move(values));
+            return factory.createCellArray(std::move(dims), std::move(values));
         }
         case ArrayType::STRUCT: {
             const std::size_t nf = f.fieldNames.size();

@@ -164,6 +164,11 @@ inline bool readRepeatedVarint(Reader& r, WireType wt, std::vector<std::uint64_t
     }
     Span s;
     if (!r.len(s)) return false;
+    // A packed run holds one value per byte without the continuation bit: room for all of them at once
+    // (bounded by the bytes the message carries) instead of growing one value at a time.
+    std::size_t count = 0;
+    for (std::size_t i = 0; i < s.size; ++i) count += (s.data[i] & 0x80) == 0;
+    out.reserve(out.size() + count);
     Reader in(s);
     while (!in.done()) {
         std::uint64_t v;
@@ -172,6 +177,35 @@ inline bool readRepeatedVarint(Reader& r, WireType wt, std::vector<std::uint64_t
     }
     return true;
 }
+
+// A growable list that keeps its first N entries inline: the repeated fields of a message mostly occur a few
+// times, and each of those lists would otherwise cost a heap allocation or several. For trivially copyable T.
+template <typename T, std::size_t N>
+class SmallVector {
+public:
+    void push_back(const T& v) {
+        if (heap_.empty() && size_ < N) {
+            inline_[size_++] = v;
+            return;
+        }
+        if (heap_.empty()) {
+            heap_.reserve(2 * N);
+            heap_.assign(inline_, inline_ + size_);
+        }
+        heap_.push_back(v);
+        ++size_;
+    }
+    std::size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+    const T* begin() const { return heap_.empty() ? inline_ : heap_.data(); }
+    const T* end() const { return begin() + size_; }
+    const T& operator[](std::size_t i) const { return begin()[i]; }
+
+private:
+    T inline_[N];
+    std::size_t size_ = 0;
+    std::vector<T> heap_;
+};
 
 // The UTF-8 check protobuf applies to proto3 string fields.
 inline bool validUtf8(const std::uint8_t* s, std::size_t n) {
