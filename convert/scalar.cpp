@@ -1,6 +1,7 @@
 #include "convert/scalar.h"
 
 #include <cmath>
+#include <cstring>
 #include <string>
 #include <type_traits>
 
@@ -35,6 +36,22 @@ PyObject* pyNumber(T v) {
     }
 }
 
+// Element 0 read straight from the element buffer when the array's kind is exactly that of `Want`, which is
+// what the registries hand these converters; false otherwise, and the caller takes the checked element path.
+// The caller has already refused an empty array.
+template <typename Want>
+bool readFirst(const Array& a, Want& out) {
+    if (a.getType() != foundation::veltradata::ElementKind<Want>::value) return false;
+    // Read only: the buffer is not detached from other holders.
+    const std::uint8_t* p = foundation::veltradata::detail::rawData(const_cast<Array&>(a), false);
+    if constexpr (std::is_same_v<Want, bool>) {
+        out = *p != 0;  // a logical byte counts as zero or not
+    } else {
+        std::memcpy(&out, p, sizeof out);
+    }
+    return true;
+}
+
 }  // namespace
 
 std::optional<Array> PyFloatToDouble::convert(PyObject* obj, const ConversionState&) {
@@ -67,10 +84,13 @@ PyObject* NumericToPyScalar<T>::convert(const Array& a) {
         return nullptr;
     }
     if (isComplexType(a.getType())) {
-        const std::complex<T> v = a[0].template getValue<std::complex<T>>();
+        std::complex<T> v;
+        if (!readFirst(a, v)) v = a[0].template getValue<std::complex<T>>();
         return PyComplex_FromDoubles(static_cast<double>(v.real()), static_cast<double>(v.imag()));
     }
-    return pyNumber<T>(a[0].template getValue<T>());
+    T v;
+    if (!readFirst(a, v)) v = a[0].template getValue<T>();
+    return pyNumber<T>(v);
 }
 
 template class NumericToPyScalar<double>;
@@ -106,7 +126,9 @@ PyObject* LogicalToPyBool::convert(const Array& a) {
         PyErr_SetString(PyExc_ValueError, kEmpty.c_str());
         return nullptr;
     }
-    return PyBool_FromLong(a[0].getValue<bool>() ? 1 : 0);
+    bool v;
+    if (!readFirst(a, v)) v = a[0].getValue<bool>();
+    return PyBool_FromLong(v ? 1 : 0);
 }
 
 }  // namespace PythonVeltraDataArray::detail

@@ -23,6 +23,19 @@ PyObject* decodeUtf16(const char16_t* units, std::size_t n) {
 }
 PyObject* decodeUtf16(const std::u16string& text) { return decodeUtf16(text.data(), text.size()); }
 
+// Short ASCII text, the common case for names and messages, skips the UTF-16 codec: the same str comes out
+// of the UTF-8 decoder, which also hands back Python's cached one-character strings. False when the text is
+// longer or not ASCII: the caller then takes the codec.
+constexpr std::size_t kShortText = 64;
+bool narrowShortAscii(const char16_t* units, std::size_t n, char (&narrow)[kShortText]) {
+    if (n > kShortText) return false;
+    for (std::size_t i = 0; i < n; ++i) {
+        if (units[i] >= 0x80) return false;
+        narrow[i] = static_cast<char>(units[i]);
+    }
+    return true;
+}
+
 }  // namespace
 
 bool isRowOrColumn(const Array& a) {
@@ -86,7 +99,11 @@ PyObject* CharToPyStr::convert(const Array& a) {
         return nullptr;
     }
     const CharArray chars(a);
-    return decodeUtf16(chars.data(), chars.getNumberOfElements());
+    const char16_t* units = chars.data();
+    const std::size_t n = static_cast<std::size_t>(chars.getNumberOfElements());
+    char narrow[kShortText];
+    if (narrowShortAscii(units, n, narrow)) return PyUnicode_FromStringAndSize(narrow, static_cast<Py_ssize_t>(n));
+    return decodeUtf16(units, n);
 }
 
 PyObject* VLStringToPyStr::convert(const Array& a) {
