@@ -148,8 +148,10 @@ PyObject* CellToPyList::convert(const Array& a) {
         PyErr_SetString(PyExc_ValueError, kCellShape.c_str());
         return nullptr;
     }
-    const TypedArray<Array> cells(a);
-    const std::uint64_t n = cells.getNumberOfElements();
+    // The elements where they lie rather than through element references; each is still held while it is
+    // converted.
+    const Array* cells = foundation::veltradata::detail::cellElements(a);
+    const std::uint64_t n = a.getNumberOfElements();
     PyRef list = PyRef::steal(PyList_New(static_cast<Py_ssize_t>(n)));
     if (!list) return nullptr;
     for (std::uint64_t i = 0; i < n; ++i) {

@@ -533,6 +533,11 @@ std::uint8_t* rawData(Array& a, bool forWrite) {
     return const_cast<std::uint8_t*>(a.impl().get<AlignedBuffer>().data());
 }
 
+const Array* cellElements(const Array& a) {
+    checkViewKind(a, ArrayType::CELL);
+    return a.impl().get<std::vector<Array>>().data();
+}
+
 }  // namespace detail
 
 std::u16string CharArray::toUTF16() const {
