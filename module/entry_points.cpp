@@ -84,9 +84,16 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
         if (!module) return fail(PyExc_ValueError, kModuleIsNull);
         if (!args) return fail(PyExc_ValueError, kArgsIsNull);
 
+        // Exactly one C-contiguous bytes-like argument, as the "y*" argument format takes it, without the
+        // format parser's overhead on every call.
         Py_buffer view;
-        if (!PyArg_ParseTuple(args, "y*", &view)) {
+        if (!PyTuple_Check(args) || PyTuple_Size(args) != 1) return fail(PyExc_ValueError, kArgsInvalid);
+        if (PyObject_GetBuffer(PyTuple_GetItem(args, 0), &view, PyBUF_SIMPLE) != 0) {
             PyErr_Clear();
+            return fail(PyExc_ValueError, kArgsInvalid);
+        }
+        if (!PyBuffer_IsContiguous(&view, 'C')) {
+            PyBuffer_Release(&view);
             return fail(PyExc_ValueError, kArgsInvalid);
         }
         // Our own copy; the caller's buffer is let go before anything else runs. (An aligned buffer: large
