@@ -122,6 +122,8 @@ ParamsMessage::ParamsMessage(const Array& args, std::int32_t nargout) : args_(ar
     }
     size_ = nargout ? wire::tagSize(kNargout) + wire::varintSize(wire::int32Bits(nargout)) : 0;
     if (n) {
+        // At least one nested size per argument; room for them up front rather than growing one by one.
+        sizes_.reserve(args_.impl().get<std::vector<Array>>().size());
         for (const Array& e : args_.impl().get<std::vector<Array>>())
             size_ += wire::lenFieldSize(kRhs, vp::detail::measureArray(e, sizes_));
     }
