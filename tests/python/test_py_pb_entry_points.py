@@ -270,6 +270,20 @@ def test_args_that_are_not_one_bytes_like_object(args):
     assert str(e.value) == "args invalid"
 
 
+def test_any_contiguous_buffer_is_read_and_a_strided_one_is_refused():
+    import numpy as np
+
+    data = result(numeric(DOUBLE, [1.5]))
+    assert py_pb.serialized_str_to_py(np.frombuffer(data, dtype=np.uint8)) == [1.5]
+    strided = memoryview(bytes(b for byte in data for b in (byte, 0)))[::2]
+    assert strided.tobytes() == data
+    with pytest.raises(ValueError, match="^args invalid$"):
+        py_pb.serialized_str_to_py(strided)
+    fortran = np.asfortranarray(np.frombuffer(data * 2, dtype=np.uint8).reshape(2, -1))
+    with pytest.raises(ValueError, match="^args invalid$"):
+        py_pb.serialized_str_to_py(fortran)
+
+
 def test_args_error_comes_before_keyword_errors():
     with pytest.raises(ValueError, match="^args invalid$"):
         py_pb.serialized_str_to_py("x", nargout=1)
