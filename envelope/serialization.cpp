@@ -31,6 +31,20 @@ using wire::WireType;
 
 namespace {
 
+// Bytes of a string array's two payloads: the UTF-16 units of present elements, and the zigzag length list
+// (-1 marks a missing element).
+struct StringPayloadSizes {
+    std::size_t units = 0, lengths = 0;
+};
+StringPayloadSizes stringPayloadSizes(const std::vector<VeltraString>& v) {
+    StringPayloadSizes n;
+    for (const VeltraString& s : v) {
+        n.units += s ? s->size() * 2 : 0;
+        n.lengths += wire::varintSize(wire::zigzag(s ? static_cast<std::int64_t>(s->size()) : -1));
+    }
+    return n;
+}
+
 // Field numbers, from the generated classes so that the schema stays the one source.
 constexpr int kType = VELTRA_Array::kTypeFieldNumber;
 constexpr int kDims = VELTRA_Array::kDimsFieldNumber;
@@ -134,11 +148,7 @@ public:
             switch (t) {
                 case ArrayType::VELTRA_STRING: {
                     const auto& v = impl->get<std::vector<VeltraString>>();
-                    std::size_t units = 0, lengths = 0;
-                    for (const VeltraString& s : v) {
-                        units += s ? s->size() * 2 : 0;
-                        lengths += wire::varintSize(wire::zigzag(s ? static_cast<std::int64_t>(s->size()) : -1));
-                    }
+                    const auto [units, lengths] = stringPayloadSizes(v);
                     if (units) n += wire::lenFieldSize(kStringUnits, units);
                     if (!v.empty()) n += wire::lenFieldSize(kStringLengths, lengths);
                     break;
@@ -234,11 +244,7 @@ public:
             switch (t) {
                 case ArrayType::VELTRA_STRING: {
                     const auto& v = impl->get<std::vector<VeltraString>>();
-                    std::size_t units = 0, lengths = 0;
-                    for (const VeltraString& s : v) {
-                        units += s ? s->size() * 2 : 0;
-                        lengths += wire::varintSize(wire::zigzag(s ? static_cast<std::int64_t>(s->size()) : -1));
-                    }
+                    const auto [units, lengths] = stringPayloadSizes(v);
                     if (units) {
                         p = wire::writeLenHeader(p, kStringUnits, units);
                         for (const VeltraString& s : v) {
