@@ -18,6 +18,8 @@ import veltra
 from veltra.loopback import loopback
 from veltra.wire import messages
 
+from numpy_layouts import engine_shape, make, sample
+
 # ArrayType numbers as they travel in messages.
 LOGICAL, DOUBLE, SINGLE = 1, 4, 5
 INT8, UINT8, INT16, UINT16, INT32, UINT32, INT64, UINT64 = range(6, 14)
@@ -56,59 +58,7 @@ def roundtrip(*values):
     return out, sent_arrays(params)
 
 
-def engine_shape(shape):
-    """Dimensions the engine gives a numpy shape: 0-d is 1-by-1, 1-d of n is 1-by-n, N-d is kept."""
-    if len(shape) == 0:
-        return (1, 1)
-    if len(shape) == 1:
-        return (1, shape[0])
-    return tuple(shape)
-
-
-def sample_values(dtype, n):
-    """n distinct-ish values of dtype, with the type's extremes at both ends when there is room."""
-    i = np.arange(n)
-    if dtype == np.bool_:
-        v = (i % 3) == 0
-    elif dtype.kind == "c":
-        v = (i * 1.5 - 7).astype(dtype) + 1j * (i * -0.25 + 3).astype(dtype)
-    elif dtype.kind == "f":
-        v = (i * 1.5 - 7).astype(dtype)
-        if n >= 3:
-            v[1] = np.finfo(dtype).tiny
-    else:
-        info = np.iinfo(dtype)
-        v = (i * 37 % (int(info.max) - int(info.min) + 1 if info.bits < 64 else 1 << 62) + int(info.min) // 2)
-        v = v.astype(dtype)
-        if n >= 2:
-            v[0], v[-1] = info.min, info.max
-    return np.asarray(v, dtype=dtype)
-
-
 SHAPES = [(), (1,), (5,), (0,), (1, 1), (2, 3), (3, 1), (2, 3, 4), (3, 1, 2)]
-
-
-def make_input(dtype, shape, order, layout):
-    """A numpy array of the given shape whose memory layout is `order` and `layout`."""
-    n = math.prod(shape)
-    values = sample_values(dtype, n).reshape(shape, order="C")
-    if layout == "strided" and shape:
-        # Every other element along each axis of a bigger array (and reversed along the first axis).
-        big = np.zeros(tuple(2 * s for s in shape), dtype=dtype, order=order)
-        view = big[tuple(slice(None, None, 2) for _ in shape)]
-        view[...] = values
-        if shape and shape[0] > 1:
-            big = big[::-1]
-            view = big[tuple(slice(1 if k == 0 else None, None, 2) for k in range(len(shape)))]
-            view[...] = values
-        a = view
-    elif layout == "swapped":
-        a = np.array(values, dtype=dtype.newbyteorder(), order=order)
-    else:
-        a = np.array(values, order=order)
-    assert a.shape == tuple(shape)
-    np.testing.assert_array_equal(a, values)
-    return a, values
 
 
 def assert_matches(out, expected_values):
@@ -142,7 +92,7 @@ def assert_matches(out, expected_values):
 @pytest.mark.parametrize("shape", SHAPES, ids=lambda s: "x".join(map(str, s)) or "0d")
 @pytest.mark.parametrize("dtype", DTYPES, ids=str)
 def test_numpy_roundtrip(dtype, shape, order, layout):
-    a, values = make_input(dtype, shape, order, layout)
+    a, values = make(dtype, shape, order, layout)
     (out,), (sent,) = roundtrip(a)
     assert sent.type == DTYPE_KIND[dtype]
     assert tuple(sent.dims) == engine_shape(shape)
@@ -151,7 +101,7 @@ def test_numpy_roundtrip(dtype, shape, order, layout):
 
 @pytest.mark.parametrize("dtype", DTYPES, ids=str)
 def test_numpy_payload_is_column_major_little_endian(dtype):
-    a = sample_values(dtype, 6).reshape(2, 3)
+    a = sample(dtype, 6).reshape(2, 3)
     (sent,) = sent_arrays(py_pb.py_to_serialized_str((a,)))
     wire_dtype = (np.dtype(np.uint8) if dtype == np.bool_ else dtype).newbyteorder("<")
     payload = np.frombuffer(sent.data, dtype=wire_dtype)
