@@ -1,9 +1,9 @@
-#include "buffer_format.h"
+#include "arraypkg/buffer_format.h"
 
 #include <climits>
 #include <cstring>
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
 using foundation::veltradata::ArrayType;
 
@@ -170,4 +170,4 @@ const char* exportFormat(ArrayType type) {
     }
 }
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg

@@ -6,7 +6,7 @@
 
 #include "veltradata/array_type.h"
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
 struct BufferFormat {
     foundation::veltradata::ArrayType type = foundation::veltradata::ArrayType::UNKNOWN;
@@ -23,4 +23,4 @@ bool parseBufferFormat(const char* format, BufferFormat& out, std::string& why);
 // The format code this package exports for an array kind ("d", "Zf", "?", "T{h:real:h:imag:}").
 const char* exportFormat(foundation::veltradata::ArrayType type);
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg

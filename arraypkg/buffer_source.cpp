@@ -1,38 +1,38 @@
-#include "buffer_source.h"
+#include "arraypkg/buffer_source.h"
 
 #include <cstring>
 #include <limits>
+#include <new>
 #include <string>
 
-#include "common.h"
-#include "strided_copy.h"
+#include "arraypkg/common.h"
+#include "arraypkg/strided_copy.h"
 #include "veltradata/array_factory.h"
 #include "veltradata/buffer.h"
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
-bool acquireBuffer(PyObject* obj, Py_buffer& view, BufferFormat& format) {
-    if (PyObject_GetBuffer(obj, &view, PyBUF_RECORDS_RO) != 0) return false;
+bool acquireBuffer(PyObject* obj, pyutil::BufferView& view, BufferFormat& format) {
+    if (!view.acquire(obj, PyBUF_RECORDS_RO)) return false;
+    const char* fmt = view->format ? view->format : "B";
     std::string why;
     std::string problem;
-    if (!parseBufferFormat(view.format, format, why)) {
-        problem = "unsupported buffer format '" + std::string(view.format ? view.format : "B") + "'";
+    if (!parseBufferFormat(view->format, format, why)) {
+        problem = "unsupported buffer format '" + std::string(fmt) + "'";
         if (!why.empty()) problem += " (" + why + ")";
-    } else if (view.itemsize != static_cast<Py_ssize_t>(format.itemsize)) {
-        problem = "buffer item size " + std::to_string(view.itemsize) + " does not match its format '" +
-                  std::string(view.format ? view.format : "B") + "'";
-    } else if (view.suboffsets) {
+    } else if (view->itemsize != static_cast<Py_ssize_t>(format.itemsize)) {
+        problem = "buffer item size " + std::to_string(view->itemsize) + " does not match its format '" + fmt + "'";
+    } else if (view->suboffsets) {
         problem = "indirect buffers (with suboffsets) are not supported";
-    } else if (view.ndim < 0 || (view.ndim > 0 && !view.shape)) {
+    } else if (view->ndim < 0 || (view->ndim > 0 && !view->shape)) {
         problem = "the buffer does not describe its shape";
     } else {
-        for (int k = 0; k < view.ndim; ++k)
-            if (view.shape[k] < 0) problem = "the buffer has a negative dimension";
+        for (int k = 0; k < view->ndim; ++k)
+            if (view->shape[k] < 0) problem = "the buffer has a negative dimension";
     }
     if (!problem.empty()) {
-        PyBuffer_Release(&view);
-        PyErr_SetString(PyExc_TypeError, problem.c_str());
-        return false;
+        view.release();
+        return pyutil::fail(PyExc_TypeError, problem);
     }
     return true;
 }
@@ -55,7 +55,7 @@ Array copyBuffer(const Py_buffer& view, const BufferFormat& format) {
     const std::uint64_t n = foundation::veltradata::numberOfElements(dims);
     if (n > std::numeric_limits<std::size_t>::max() / format.itemsize)
         throw foundation::veltradata::DimensionsOverflowException("The array dimensions are too large.");
-    veltra::data::AlignedBuffer out(static_cast<std::size_t>(n) * format.itemsize, false);
+    foundation::veltradata::detail::AlignedBuffer out(static_cast<std::size_t>(n) * format.itemsize, false);
     if (n) {
         const int nd = view.ndim;
         std::vector<std::int64_t> ext(shape.begin(), shape.end());
@@ -82,21 +82,17 @@ Array copyBuffer(const Py_buffer& view, const BufferFormat& format) {
 
 namespace {
 
+// Built by PyType_GenericAlloc, so the C++ member is constructed and destroyed by hand.
 struct BufferHandle {
     PyObject_HEAD
-    Py_buffer view;
-    int held;
+    pyutil::BufferView view;
     BufferFormat format;
 };
 
 PyObject* g_handleType = nullptr;
 
 void handleDealloc(PyObject* self) {
-    auto* h = reinterpret_cast<BufferHandle*>(self);
-    if (h->held) {
-        h->held = 0;
-        PyBuffer_Release(&h->view);
-    }
+    reinterpret_cast<BufferHandle*>(self)->view.~BufferView();
     PyTypeObject* type = Py_TYPE(self);
     auto freeFn = reinterpret_cast<freefunc>(PyType_GetSlot(type, Py_tp_free));
     freeFn(self);
@@ -124,29 +120,18 @@ bool createBufferHandleType(PyObject* module) {
         g_handleType = PyType_FromSpec(&kHandleSpec);
         if (!g_handleType) return false;
     }
-    Py_INCREF(g_handleType);
-    if (PyModule_AddObject(module, "_BufferHandle", g_handleType) != 0) {
-        Py_DECREF(g_handleType);
-        return false;
-    }
-    return true;
+    return PyModule_AddObjectRef(module, "_BufferHandle", g_handleType) == 0;
 }
 
 PyObject* newBufferHandle(PyObject* obj, ArrayType& kind) {
-    if (!g_handleType) {
-        PyErr_SetString(PyExc_SystemError, "veltramultidimarrayforpython is not initialised");
-        return nullptr;
-    }
-    auto* h = reinterpret_cast<BufferHandle*>(PyType_GenericAlloc(reinterpret_cast<PyTypeObject*>(g_handleType), 0));
-    if (!h) return nullptr;
-    h->held = 0;
-    if (!acquireBuffer(obj, h->view, h->format)) {
-        Py_DECREF(h);
-        return nullptr;
-    }
-    h->held = 1;
+    if (!g_handleType) return pyutil::fail(PyExc_SystemError, "veltramultidimarrayforpython is not initialised");
+    Ref handle = Ref::steal(PyType_GenericAlloc(reinterpret_cast<PyTypeObject*>(g_handleType), 0));
+    if (!handle) return nullptr;
+    auto* h = reinterpret_cast<BufferHandle*>(handle.get());
+    new (&h->view) pyutil::BufferView();
+    if (!acquireBuffer(obj, h->view, h->format)) return nullptr;
     kind = h->format.type;
-    return reinterpret_cast<PyObject*>(h);
+    return handle.release();
 }
 
 bool isBufferHandle(PyObject* o) {
@@ -155,17 +140,11 @@ bool isBufferHandle(PyObject* o) {
 
 const Py_buffer* handleBuffer(PyObject* handle, BufferFormat& format) {
     auto* h = reinterpret_cast<BufferHandle*>(handle);
-    if (!h->held) return nullptr;
+    if (!h->view.held()) return nullptr;
     format = h->format;
-    return &h->view;
+    return &*h->view;
 }
 
-void releaseHandleBuffer(PyObject* handle) {
-    auto* h = reinterpret_cast<BufferHandle*>(handle);
-    if (h->held) {
-        h->held = 0;
-        PyBuffer_Release(&h->view);
-    }
-}
+void releaseHandleBuffer(PyObject* handle) { reinterpret_cast<BufferHandle*>(handle)->view.release(); }
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg

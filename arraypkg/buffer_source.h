@@ -7,15 +7,16 @@
 #include <cstdint>
 #include <vector>
 
-#include "buffer_format.h"
-#include "convert.h"
+#include "arraypkg/buffer_format.h"
+#include "arraypkg/convert.h"
+#include "pyutil/buffer.h"
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
 // Acquires `obj`'s buffer with strides and format (never indirect). On failure returns false with a Python
 // error set: the exporter's own error, or TypeError naming a format no array kind can carry, or TypeError
 // for an item size that contradicts the format.
-bool acquireBuffer(PyObject* obj, Py_buffer& view, BufferFormat& format);
+bool acquireBuffer(PyObject* obj, pyutil::BufferView& view, BufferFormat& format);
 
 // The buffer's shape (empty for a 0-d buffer).
 std::vector<std::uint64_t> bufferShape(const Py_buffer& view);
@@ -37,4 +38,4 @@ const Py_buffer* handleBuffer(PyObject* handle, BufferFormat& format);
 // Releases the buffer now (the object itself goes with its last reference).
 void releaseHandleBuffer(PyObject* handle);
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg

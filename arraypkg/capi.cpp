@@ -1,12 +1,12 @@
-#include "capi.h"
+#include "arraypkg/capi.h"
 
 #include <string>
 
-#include "buffer_source.h"
-#include "typed_array.h"
+#include "arraypkg/buffer_source.h"
+#include "arraypkg/typed_array.h"
 #include "veltradata/impl.h"
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
 namespace {
 
@@ -22,7 +22,7 @@ PyObject* wrapEntry(void* handle) {
         return nullptr;
     }
     try {
-        return wrapArray(Array(static_cast<veltra::data::ArrayImpl*>(handle)));  // adopts the caller's hold
+        return wrapArray(Array::adoptHandle(handle));  // adopts the caller's hold
     } catch (...) {
         setErrorFromCurrentException();
         return nullptr;
@@ -66,28 +66,6 @@ void* getArrayEntry(PyObject* obj, PyObject* /*owner: package objects and handle
     }
 }
 
-// Replaces the pending error with TypeError(prefix + its text), keeping it as the cause.
-void replaceWithTypeError(const std::string& prefix) {
-    PyObject *t, *v, *tb;
-    PyErr_Fetch(&t, &v, &tb);
-    PyErr_NormalizeException(&t, &v, &tb);
-    Ref type = Ref::steal(t), cause = Ref::steal(v), traceback = Ref::steal(tb);
-    std::string text = "unknown error";
-    if (cause) {
-        if (traceback) PyException_SetTraceback(cause.get(), traceback.get());
-        Ref str = Ref::steal(PyObject_Str(cause.get()));
-        const char* c = str ? PyUnicode_AsUTF8AndSize(str.get(), nullptr) : nullptr;
-        if (c) text = c;
-        PyErr_Clear();
-    }
-    PyErr_SetString(PyExc_TypeError, (prefix + text).c_str());
-    if (!cause) return;
-    PyErr_Fetch(&t, &v, &tb);
-    PyErr_NormalizeException(&t, &v, &tb);
-    if (v) PyException_SetCause(v, cause.release());  // steals
-    PyErr_Restore(t, v, tb);
-}
-
 // Entry 2.
 PyObject* acquireEntry(PyObject* obj, uint32_t* arrayType) {
     if (!obj) {
@@ -100,7 +78,8 @@ PyObject* acquireEntry(PyObject* obj, uint32_t* arrayType) {
         // Exporters refuse some formats outright (numpy's datetime64, for one) with their own exception
         // types; every format the caller cannot carry is a TypeError here.
         if (!PyErr_ExceptionMatches(PyExc_TypeError) && !PyErr_ExceptionMatches(PyExc_MemoryError))
-            replaceWithTypeError("cannot read an object of type " + typeName(obj) + " as a buffer: ");
+            pyutil::replaceError(PyExc_TypeError, "cannot read an object of type " + typeName(obj) + " as a buffer: ",
+                                 true);
         return nullptr;
     }
     if (arrayType) *arrayType = static_cast<uint32_t>(kind);
@@ -110,8 +89,8 @@ PyObject* acquireEntry(PyObject* obj, uint32_t* arrayType) {
 // Entry 3.
 void releaseEntry(PyObject* handle) {
     if (!handle) return;
+    const Ref owned = Ref::steal(handle);  // entry 2's reference ends here
     if (isBufferHandle(handle)) releaseHandleBuffer(handle);
-    Py_DECREF(handle);
 }
 
 // Entry 4.
@@ -123,4 +102,4 @@ const VeltraArrayCapi kTable = {wrapEntry, getArrayEntry, acquireEntry, releaseE
 
 const VeltraArrayCapi* capiTable() noexcept { return &kTable; }
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg

@@ -1,10 +1,10 @@
 // The capsule's function table (layout in veltra_capi.h).
 #pragma once
 
-#include "veltra_capi.h"
+#include "arraypkg/veltra_capi.h"
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
 const VeltraArrayCapi* capiTable() noexcept;
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg

@@ -1,13 +1,13 @@
-#include "common.h"
+#include "arraypkg/common.h"
 
 #include <exception>
 #include <new>
 #include <stdexcept>
 
-#include "convert.h"
+#include "arraypkg/convert.h"
 #include "veltradata/errors.h"
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
 void setErrorFromCurrentException() noexcept {
     try {
@@ -34,39 +34,6 @@ void setErrorFromCurrentException() noexcept {
     }
 }
 
-namespace {
-// Keeps the pending exception (if any) aside while a helper runs Python code of its own.
-class ErrorAside {
-public:
-    ErrorAside() noexcept { PyErr_Fetch(&t_, &v_, &tb_); }
-    ~ErrorAside() {
-        PyErr_Clear();
-        PyErr_Restore(t_, v_, tb_);
-    }
-    ErrorAside(const ErrorAside&) = delete;
-    ErrorAside& operator=(const ErrorAside&) = delete;
-
-private:
-    PyObject *t_ = nullptr, *v_ = nullptr, *tb_ = nullptr;
-};
-}  // namespace
-
-std::string typeName(PyObject* obj) {
-    ErrorAside aside;
-    PyTypeObject* type = Py_TYPE(obj);
-    std::string out;
-    Ref module = Ref::steal(PyObject_GetAttrString(reinterpret_cast<PyObject*>(type), "__module__"));
-    if (module && PyUnicode_Check(module.get())) {
-        const char* m = PyUnicode_AsUTF8AndSize(module.get(), nullptr);
-        if (m && std::string(m) != "builtins") out = std::string(m) + ".";
-    }
-    PyErr_Clear();
-    Ref name = Ref::steal(PyType_GetQualName(type));
-    const char* n = name ? PyUnicode_AsUTF8AndSize(name.get(), nullptr) : nullptr;
-    PyErr_Clear();
-    return out + (n ? n : "?");
-}
-
 std::string formatIndex(const std::vector<std::uint64_t>& index) {
     std::string out = "(";
     for (std::size_t k = 0; k < index.size(); ++k) {
@@ -80,7 +47,7 @@ std::string formatIndex(const std::vector<std::uint64_t>& index) {
 std::string formatDims(const std::vector<std::uint64_t>& dims) { return formatIndex(dims); }
 
 std::string reprOf(PyObject* obj) {
-    ErrorAside aside;
+    pyutil::ErrorAside aside;
     Ref r = Ref::steal(PyObject_Repr(obj));
     const char* s = r ? PyUnicode_AsUTF8AndSize(r.get(), nullptr) : nullptr;
     if (!s) {
@@ -101,4 +68,4 @@ std::string formatDouble(double v) {
     return out;
 }
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg

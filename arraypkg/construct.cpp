@@ -4,12 +4,13 @@
 #include <string>
 #include <vector>
 
-#include "buffer_source.h"
-#include "typed_array.h"
+#include "arraypkg/buffer_source.h"
+#include "arraypkg/typed_array.h"
+#include "pyutil/buffer.h"
 #include "veltradata/array_factory.h"
 #include "veltradata/impl.h"
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
 using foundation::veltradata::complexTypeOf;
 using foundation::veltradata::elementSize;
@@ -61,16 +62,16 @@ Leaf classify(PyObject* o, Ref& out) {
     if (isText(o)) return Leaf::NotNumber;
     if (PyObject_CheckBuffer(o)) {
         // numpy scalars and 0-d arrays: read the one element exactly, in its own kind.
-        Py_buffer view;
+        pyutil::BufferView view;
         BufferFormat format;
         if (acquireBuffer(o, view, format)) {
             std::uint64_t n = 1;
-            for (int k = 0; k < view.ndim; ++k) n *= static_cast<std::uint64_t>(view.shape[k]);
+            for (int k = 0; k < view->ndim; ++k) n *= static_cast<std::uint64_t>(view->shape[k]);
             Array a;
-            if (n == 1) a = copyBuffer(view, format);
-            PyBuffer_Release(&view);
+            if (n == 1) a = copyBuffer(*view, format);
+            view.release();
             if (n == 1) {
-                out = check(scalarToPython(a.impl().get<veltra::data::AlignedBuffer>().data(), a.getType()));
+                out = check(scalarToPython(a.impl().get<foundation::veltradata::detail::AlignedBuffer>().data(), a.getType()));
                 return classify(out.get(), out);
             }
         } else {
@@ -231,7 +232,7 @@ Built fromSequence(PyObject* init, ArrayType real, bool wantComplex, bool upgrad
     Dims dims = dimsOfShape(w.shape);
     Array a = f.createArray(to, dims);
     const std::size_t es = elementSize(to);
-    std::uint8_t* base = a.mutableImpl().get<veltra::data::AlignedBuffer>().data();
+    std::uint8_t* base = a.mutableImpl().get<foundation::veltradata::detail::AlignedBuffer>().data();
     // Leaves come in row-major order; the array is column-major.
     const std::size_t nd = w.shape.size();
     std::vector<std::uint64_t> stride(nd), idx(nd, 0);
@@ -267,7 +268,7 @@ Built fromNumber(PyObject* init, ArrayType real, bool wantComplex, bool upgrade)
     foundation::veltradata::ClientArrayFactory f;
     Array a = f.createArray(to, {1, 1});
     try {
-        storeLeaf(value.get(), kind, to, a.mutableImpl().get<veltra::data::AlignedBuffer>().data());
+        storeLeaf(value.get(), kind, to, a.mutableImpl().get<foundation::veltradata::detail::AlignedBuffer>().data());
     } catch (const ElementError& e) {
         raise(e.typeError ? PyExc_TypeError : PyExc_ValueError, "value " + e.value + " " + e.reason);
     }
@@ -295,30 +296,23 @@ Built build(PyObject* init, ArrayType real, bool wantComplex, bool upgrade) {
         return {toKind(arrayOf(init), real, wantComplex, upgrade, shape), shape};
     }
     if (PyObject_CheckBuffer(init) && !PyUnicode_Check(init)) {
-        Py_buffer view;
+        pyutil::BufferView view;
         BufferFormat format;
         if (acquireBuffer(init, view, format)) {
-            std::vector<std::uint64_t> shape = bufferShape(view);
-            Array a;
-            try {
-                a = copyBuffer(view, format);
-            } catch (...) {
-                PyBuffer_Release(&view);
-                throw;
-            }
-            PyBuffer_Release(&view);
+            std::vector<std::uint64_t> shape = bufferShape(*view);
+            Array a = copyBuffer(*view, format);
+            view.release();
             return {toKind(std::move(a), real, wantComplex, upgrade, shape), std::move(shape)};
         }
-        // Object, float16 or text arrays can still be read element by element when they are sequences.
-        PyObject *type, *value, *traceback;
-        PyErr_Fetch(&type, &value, &traceback);
-        if (nestedLength(init) < 0) {
-            PyErr_Restore(type, value, traceback);
-            throw PyErrorSet{};
+        // Object, float16 or text arrays can still be read element by element when they are sequences;
+        // otherwise the buffer's own refusal is the error.
+        bool sequence;
+        {
+            pyutil::ErrorAside aside;
+            sequence = nestedLength(init) >= 0;
         }
-        Py_XDECREF(type);
-        Py_XDECREF(value);
-        Py_XDECREF(traceback);
+        if (!sequence) throw PyErrorSet{};
+        PyErr_Clear();
     }
     if (nestedLength(init) >= 0) return fromSequence(init, real, wantComplex, upgrade);
     if (PyErr_Occurred()) throw PyErrorSet{};
@@ -427,4 +421,4 @@ Array assignmentValue(ArrayType kind, PyObject* value, const std::vector<std::ui
     return std::move(b.array);
 }
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg

@@ -1,4 +1,4 @@
-#include "convert.h"
+#include "arraypkg/convert.h"
 
 #include <cmath>
 #include <complex>
@@ -6,16 +6,16 @@
 #include <limits>
 #include <type_traits>
 
-#include "common.h"
+#include "arraypkg/common.h"
 #include "veltradata/array_factory.h"
 #include "veltradata/impl.h"
 #include "veltradata/raw_visit.h"
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
 using foundation::veltradata::isComplexType;
 using foundation::veltradata::realTypeOf;
-using veltra::data::IsComplex;
+using foundation::veltradata::detail::IsComplex;
 
 namespace {
 
@@ -165,8 +165,8 @@ std::string kindName(ArrayType t) {
 void convertElements(const void* src, ArrayType from, void* dst, ArrayType to, std::uint64_t n) {
     if (!isNumericKind(from) || !isNumericKind(to))
         throw std::invalid_argument("cannot convert " + kindName(from) + " elements to " + kindName(to));
-    veltra::data::visitRawType(from, [&](auto s) {
-        veltra::data::visitRawType(to, [&](auto d) {
+    foundation::veltradata::detail::visitRawType(from, [&](auto s) {
+        foundation::veltradata::detail::visitRawType(to, [&](auto d) {
             convertLoop<decltype(d), decltype(s)>(static_cast<const unsigned char*>(src),
                                                   static_cast<unsigned char*>(dst), n, to);
         });
@@ -179,8 +179,8 @@ Array convertArray(const Array& src, ArrayType to) {
         throw std::invalid_argument("cannot convert an array of " + kindName(from) + " to " + kindName(to));
     const auto& impl = src.impl();
     const std::uint64_t n = impl.numel;
-    veltra::data::AlignedBuffer out(static_cast<std::size_t>(n) * foundation::veltradata::elementSize(to), false);
-    convertElements(impl.get<veltra::data::AlignedBuffer>().data(), from, out.data(), to, n);
+    foundation::veltradata::detail::AlignedBuffer out(static_cast<std::size_t>(n) * foundation::veltradata::elementSize(to), false);
+    convertElements(impl.get<foundation::veltradata::detail::AlignedBuffer>().data(), from, out.data(), to, n);
     foundation::veltradata::ClientArrayFactory f;
     return f.adoptBuffer(to, impl.dims, std::move(out));
 }
@@ -200,4 +200,4 @@ void setElementError(const ElementError& e, const std::vector<std::uint64_t>& sh
     PyErr_SetString(e.typeError ? PyExc_TypeError : PyExc_ValueError, msg.c_str());
 }
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg

@@ -9,7 +9,7 @@
 
 #include "veltradata/array.h"
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
 using foundation::veltradata::Array;
 using foundation::veltradata::ArrayType;
@@ -40,4 +40,4 @@ std::vector<std::uint64_t> unravel(std::uint64_t linear, const std::vector<std::
 // Sets the Python error for an element that did not fit, naming where it is within `shape`.
 void setElementError(const ElementError& e, const std::vector<std::uint64_t>& shape);
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg

@@ -2,13 +2,13 @@
 // and a few private hooks (underscore names) through which the package's tests drive the capsule.
 #include <Python.h>
 
-#include "buffer_source.h"
-#include "capi.h"
-#include "typed_array.h"
+#include "arraypkg/buffer_source.h"
+#include "arraypkg/capi.h"
+#include "arraypkg/typed_array.h"
 #include "veltradata/array_factory.h"
 #include "veltradata/impl.h"
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
 namespace {
 
@@ -84,9 +84,7 @@ PyObject* capiWrapNew(PyObject*, PyObject* args) {
         const Dims dims = parseSize(dimsArg, "dims");
         foundation::veltradata::ClientArrayFactory f;
         Array a = f.createArray(kind, dims);
-        veltra::data::ArrayImpl* impl = a.getImpl();
-        impl->retain();  // entry 0's own hold, as py_pb gives it
-        return capiTable()->wrap_array(impl);
+        return capiTable()->wrap_array(a.shareHandle());  // entry 0's own hold, as py_pb gives it
     } catch (...) {
         setErrorFromCurrentException();
         return nullptr;
@@ -99,7 +97,7 @@ PyObject* holds(PyObject*, PyObject* obj) {
         PyErr_SetString(PyExc_TypeError, "not a typed array");
         return nullptr;
     }
-    const veltra::data::ArrayImpl* impl = ownerOf(obj)->body->array.getImpl();
+    const foundation::veltradata::detail::ArrayImpl* impl = ownerOf(obj)->body->array.getImpl();
     return PyLong_FromUnsignedLong(impl ? impl->holds.load() : 0);
 }
 
@@ -127,10 +125,10 @@ PyModuleDef kModule = {
 
 }  // namespace
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg
 
 PyMODINIT_FUNC PyInit_veltramultidimarrayforpython(void) {
-    using namespace veltra::arraypkg;
+    using namespace PythonVeltraDataArray::arraypkg;
     if (!createTypes()) return nullptr;
     Ref module = Ref::steal(PyModule_Create(&kModule));
     if (!module) return nullptr;
@@ -138,11 +136,7 @@ PyMODINIT_FUNC PyInit_veltramultidimarrayforpython(void) {
         if (PyModule_AddObjectRef(module.get(), kTypeNames[i], typeObject(i)) != 0) return nullptr;
     }
     if (!createBufferHandleType(module.get())) return nullptr;
-    PyObject* capsule = PyCapsule_New(const_cast<VeltraArrayCapi*>(capiTable()), VELTRA_CAPI_CAPSULE_NAME, nullptr);
-    if (!capsule) return nullptr;
-    if (PyModule_AddObject(module.get(), "_capi", capsule) != 0) {
-        Py_DECREF(capsule);
-        return nullptr;
-    }
+    Ref capsule = Ref::steal(PyCapsule_New(const_cast<VeltraArrayCapi*>(capiTable()), VELTRA_CAPI_CAPSULE_NAME, nullptr));
+    if (!capsule || PyModule_AddObjectRef(module.get(), "_capi", capsule.get()) != 0) return nullptr;
     return module.release();
 }

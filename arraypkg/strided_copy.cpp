@@ -1,4 +1,4 @@
-#include "strided_copy.h"
+#include "arraypkg/strided_copy.h"
 
 #include <algorithm>
 #include <array>
@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
 namespace {
 
@@ -177,4 +177,4 @@ void stridedCopy(std::uint8_t* dst, const std::int64_t* dstStrides, const std::u
     }
 }
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
 // Copies every element of an N-d block of `shape` from `src` to `dst`, each side with its own byte strides
 // (any sign, zero for broadcast sources). `itemsize` is 1, 2, 4, 8 or 16; with `swap` each `component`-byte
@@ -18,4 +18,4 @@ void stridedCopy(std::uint8_t* dst, const std::int64_t* dstStrides, const std::u
 // Byte strides of a column-major contiguous block of `shape`.
 void columnMajorStrides(const std::int64_t* shape, int ndim, std::size_t itemsize, std::int64_t* out);
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg

@@ -1,4 +1,4 @@
-#include "typed_array.h"
+#include "arraypkg/typed_array.h"
 
 #include <structmember.h>
 
@@ -9,25 +9,27 @@
 #include <new>
 #include <string>
 
-#include "buffer_format.h"
-#include "strided_copy.h"
+#include "arraypkg/buffer_format.h"
+#include "arraypkg/strided_copy.h"
+#include "pyutil/numeric_kinds.h"
 #include "veltradata/array_factory.h"
 #include "veltradata/impl.h"
 #include "veltradata/raw_visit.h"
 #include "veltradata/typed_array.h"
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
 using foundation::veltradata::elementSize;
 using foundation::veltradata::isComplexType;
 using foundation::veltradata::realTypeOf;
 
-const ArrayType kTypeKinds[kTypeCount] = {
-    ArrayType::DOUBLE, ArrayType::SINGLE, ArrayType::INT8,   ArrayType::UINT8,  ArrayType::INT16,  ArrayType::UINT16,
-    ArrayType::INT32,  ArrayType::UINT32, ArrayType::INT64,  ArrayType::UINT64, ArrayType::LOGICAL,
-};
-const char* const kTypeNames[kTypeCount] = {"double", "single", "int8",   "uint8",  "int16",  "uint16",
-                                            "int32",  "uint32", "int64",  "uint64", "logical"};
+// The numeric types in the table's order, then logical.
+#define VELTRA_KIND(KIND, T, NAME, TO_PYTHON) ArrayType::KIND,
+const ArrayType kTypeKinds[kTypeCount] = {VELTRA_NUMERIC_KINDS(VELTRA_KIND) ArrayType::LOGICAL};
+#undef VELTRA_KIND
+#define VELTRA_NAME(KIND, T, NAME, TO_PYTHON) NAME,
+const char* const kTypeNames[kTypeCount] = {VELTRA_NUMERIC_KINDS(VELTRA_NAME) "logical"};
+#undef VELTRA_NAME
 
 namespace {
 
@@ -86,15 +88,11 @@ std::vector<std::int64_t> signedShape(const std::vector<std::uint64_t>& shape) {
 
 PyObject* allocObject(int index) {
     auto* type = reinterpret_cast<PyTypeObject*>(g_types[index]);
-    auto* o = reinterpret_cast<ArrayObject*>(PyType_GenericAlloc(type, 0));
-    if (!o) throw PyErrorSet{};
+    Ref object = check(PyType_GenericAlloc(type, 0));
+    auto* o = reinterpret_cast<ArrayObject*>(object.get());
     o->weakrefs = nullptr;
-    o->body = new (std::nothrow) Body();
-    if (!o->body) {
-        Py_DECREF(o);
-        throw std::bad_alloc();
-    }
-    return reinterpret_cast<PyObject*>(o);
+    o->body = new Body();
+    return object.release();
 }
 
 // A view of `owner` with the given layout (a strong reference to the owner is kept).
@@ -105,8 +103,7 @@ PyObject* newView(PyObject* owner, std::vector<std::uint64_t> shape, std::vector
     b.shape = std::move(shape);
     b.strides = std::move(strides);
     b.offset = countOf(b.shape) == 0 ? 0 : offset;
-    Py_INCREF(owner);
-    b.owner = owner;
+    b.owner = Py_NewRef(owner);
     return o;
 }
 
@@ -229,7 +226,7 @@ void assign(PyObject* self, PyObject* key, PyObject* value) {
     std::vector<std::int64_t> dst(r.strides.size()), src(r.strides.size(), 0);
     for (std::size_t k = 0; k < dst.size(); ++k) dst[k] = r.strides[k] * static_cast<std::int64_t>(es);
     if (!single) columnMajorStrides(ext.data(), nd, es, src.data());
-    const std::uint8_t* from = v.impl().get<veltra::data::AlignedBuffer>().data();
+    const std::uint8_t* from = v.impl().get<foundation::veltradata::detail::AlignedBuffer>().data();
     if (nd == 0) {
         std::memcpy(base, from, es);
         return;
@@ -250,7 +247,7 @@ Wide widen(const std::uint8_t* p) {
     } else {
         T v;
         std::memcpy(&v, p, sizeof(T));
-        if constexpr (veltra::data::IsComplex<T>::value) {
+        if constexpr (foundation::veltradata::detail::IsComplex<T>::value) {
             return {static_cast<long double>(v.real()), static_cast<long double>(v.imag())};
         } else {
             return {static_cast<long double>(v), 0.0L};
@@ -268,14 +265,14 @@ bool arraysEqual(PyObject* a, PyObject* b) {
     Array v = arrayOf(b);
     if (u.getImpl() == v.getImpl()) return true;
     const ArrayType tu = u.getType(), tv = v.getType();
-    const std::uint8_t* pu = u.impl().get<veltra::data::AlignedBuffer>().data();
-    const std::uint8_t* pv = v.impl().get<veltra::data::AlignedBuffer>().data();
+    const std::uint8_t* pu = u.impl().get<foundation::veltradata::detail::AlignedBuffer>().data();
+    const std::uint8_t* pv = v.impl().get<foundation::veltradata::detail::AlignedBuffer>().data();
     const std::uint64_t n = u.getNumberOfElements();
     if (tu == tv && !isComplexType(tu) && realTypeOf(tu) != ArrayType::DOUBLE && tu != ArrayType::SINGLE)
         return n == 0 || std::memcmp(pu, pv, static_cast<std::size_t>(n) * elementSize(tu)) == 0;
     const std::size_t su = elementSize(tu), sv = elementSize(tv);
-    return veltra::data::visitRawType(tu, [&](auto s) {
-        return veltra::data::visitRawType(tv, [&](auto t) {
+    return foundation::veltradata::detail::visitRawType(tu, [&](auto s) {
+        return foundation::veltradata::detail::visitRawType(tv, [&](auto t) {
             for (std::uint64_t i = 0; i < n; ++i) {
                 Wide p = widen<decltype(s)>(pu + i * su);
                 Wide q = widen<decltype(t)>(pv + i * sv);
@@ -428,7 +425,7 @@ int bfGetBuffer(PyObject* self, Py_buffer* view, int flags) {
 
         // Pin the storage: from now on it belongs to this owner alone until the last export ends.
         if (ob.exports == 0 && ob.array.getImpl() && ob.array.getImpl()->shared()) ob.array.mutableImpl();
-        const std::uint8_t* base = ob.array.impl().get<veltra::data::AlignedBuffer>().data();
+        const std::uint8_t* base = ob.array.impl().get<foundation::veltradata::detail::AlignedBuffer>().data();
 
         const int nd = static_cast<int>(b.shape.size());
         Py_ssize_t* dims = nullptr;
@@ -548,7 +545,7 @@ PyObject* methReduce(PyObject* self, PyObject*) {
         const std::size_t es = elementSize(kind);
         const std::uint64_t n = a.getNumberOfElements();
         Ref flat = check(PyList_New(static_cast<Py_ssize_t>(n)));
-        const std::uint8_t* p = a.impl().get<veltra::data::AlignedBuffer>().data();
+        const std::uint8_t* p = a.impl().get<foundation::veltradata::detail::AlignedBuffer>().data();
         for (std::uint64_t i = 0; i < n; ++i) {
             PyObject* v = scalarToPython(p + i * es, kind);
             if (!v) return nullptr;
@@ -680,7 +677,7 @@ Array arrayOf(PyObject* o) {
     const std::size_t es = elementSize(kind);
     Dims dims = b.shape.size() == 1 ? Dims{1, b.shape[0]} : b.shape;
     const std::uint64_t n = countOf(b.shape);
-    veltra::data::AlignedBuffer out(static_cast<std::size_t>(n) * es, false);
+    foundation::veltradata::detail::AlignedBuffer out(static_cast<std::size_t>(n) * es, false);
     if (n) {
         const std::vector<std::int64_t> ext = signedShape(b.shape);
         std::vector<std::int64_t> dst(ext.size());
@@ -696,13 +693,13 @@ Array arrayOf(PyObject* o) {
 const std::uint8_t* readAddress(PyObject* o) {
     ArrayObject* owner = ownerOf(o);
     const Array& a = owner->body->array;
-    return a.impl().get<veltra::data::AlignedBuffer>().data() + bodyOf(o).offset * elementSize(a.getType());
+    return a.impl().get<foundation::veltradata::detail::AlignedBuffer>().data() + bodyOf(o).offset * elementSize(a.getType());
 }
 
 std::uint8_t* writeAddress(PyObject* o) {
     ArrayObject* owner = ownerOf(o);
     Array& a = owner->body->array;
-    return a.mutableImpl().get<veltra::data::AlignedBuffer>().data() + bodyOf(o).offset * elementSize(a.getType());
+    return a.mutableImpl().get<foundation::veltradata::detail::AlignedBuffer>().data() + bodyOf(o).offset * elementSize(a.getType());
 }
 
 PyObject* scalarToPython(const std::uint8_t* p, ArrayType kind) {
@@ -720,11 +717,11 @@ PyObject* scalarToPython(const std::uint8_t* p, ArrayType kind) {
         }
         default: break;
     }
-    return veltra::data::visitRawType(kind, [&](auto tag) -> PyObject* {
+    return foundation::veltradata::detail::visitRawType(kind, [&](auto tag) -> PyObject* {
         using T = decltype(tag);
         T v;
         std::memcpy(&v, p, sizeof(T));
-        if constexpr (veltra::data::IsComplex<T>::value) {
+        if constexpr (foundation::veltradata::detail::IsComplex<T>::value) {
             return PyComplex_FromDoubles(static_cast<double>(v.real()), static_cast<double>(v.imag()));
         } else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, char16_t>) {
             return PyLong_FromLong(static_cast<long>(v));
@@ -738,4 +735,4 @@ PyObject* scalarToPython(const std::uint8_t* p, ArrayType kind) {
     });
 }
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg

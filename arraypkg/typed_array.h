@@ -16,11 +16,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "common.h"
-#include "convert.h"
+#include "arraypkg/common.h"
+#include "arraypkg/convert.h"
 #include "veltradata/array.h"
 
-namespace veltra::arraypkg {
+namespace PythonVeltraDataArray::arraypkg {
 
 constexpr int kTypeCount = 11;
 
@@ -89,4 +89,4 @@ Array assignmentValue(ArrayType kind, PyObject* value, const std::vector<std::ui
 // Parses a size argument (a sequence of non-negative integers, or an integer) into dimensions.
 std::vector<std::uint64_t> parseSize(PyObject* size, const char* what);
 
-}  // namespace veltra::arraypkg
+}  // namespace PythonVeltraDataArray::arraypkg

@@ -1,5 +1,5 @@
 /* The function table that veltramultidimarrayforpython exports as the capsule
- * "veltramultidimarrayforpython._capi". An "array implementation handle" is a veltra::data::ArrayImpl*:
+ * "veltramultidimarrayforpython._capi". An "array implementation handle" is a foundation::veltradata::detail::ArrayImpl*:
  * whoever receives one owns one hold on it (foundation::veltradata::Array adopts it). */
 #ifndef VELTRA_CAPI_H
 #define VELTRA_CAPI_H

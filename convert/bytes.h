@@ -5,16 +5,20 @@
 
 namespace PythonVeltraDataArray::detail {
 
-class PyBytesToUint8 final : public ConvertToVeltraDataArray {
+class PyBytesToUint8 final : public ToArrayConverter {
 public:
-    using ConvertToVeltraDataArray::ConvertToVeltraDataArray;
-    std::optional<Array> convert(PyObject* obj, const ConversionState& state) override;
+    using ToArrayConverter::ToArrayConverter;
+
+protected:
+    std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override;
 };
 
-class PyByteArrayToUint8 final : public ConvertToVeltraDataArray {
+class PyByteArrayToUint8 final : public ToArrayConverter {
 public:
-    using ConvertToVeltraDataArray::ConvertToVeltraDataArray;
-    std::optional<Array> convert(PyObject* obj, const ConversionState& state) override;
+    using ToArrayConverter::ToArrayConverter;
+
+protected:
+    std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override;
 };
 
 }  // namespace PythonVeltraDataArray::detail

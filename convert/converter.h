@@ -1,11 +1,25 @@
-// The two converter bases. A converter holds no per-call state: one instance serves every call.
+// The converter bases. A converter holds no per-call state: one instance serves every call.
+//
+// Writing a converter:
+//  - Derive from ToArrayConverter or ToPythonConverter and implement doConvert. The base's convert holds every
+//    converter to one convention, so callers can rely on it: an empty result comes with exactly one Python
+//    exception set, a result with none. doConvert fails with `return fail(type, text)` (or `failed()` after a
+//    C API call set the error); a C++ exception out of the array library becomes the ValueError the module
+//    functions would give for it.
+//  - Dispatch is by type name, and any class can take any name (`class dict: __module__ = "builtins"`). So a
+//    converter never trusts the name: it checks the object's real type (PyDict_Check, PyBytes_Check, ...)
+//    before any concrete-type C API call, and otherwise goes through the generic protocol (number, buffer,
+//    mapping, iteration) or refuses with the unsupported-type TypeError naming the type.
 #pragma once
 
 #include <Python.h>
 
 #include <memory>
 #include <optional>
+#include <string>
 
+#include "pyutil/error.h"
+#include "pyutil/ref.h"
 #include "veltradata/veltradata.h"
 
 namespace PythonVeltraDataArray::detail {
@@ -13,6 +27,9 @@ namespace PythonVeltraDataArray::detail {
 using foundation::veltradata::Array;
 using foundation::veltradata::ArrayFactory;
 using foundation::veltradata::ArrayType;
+using pyutil::fail;
+using pyutil::failed;
+using pyutil::Ref;
 
 // Flags that travel with every Python-to-array conversion.
 struct ConversionState {
@@ -34,28 +51,52 @@ struct ConversionState {
     }
 };
 
-// Python object (borrowed) -> Array. Absent result: a Python exception is set (or obj was null).
+// Python object (borrowed) -> Array. Absent result: a Python exception is set.
 class ConvertToVeltraDataArray {
 public:
-    explicit ConvertToVeltraDataArray(std::shared_ptr<ArrayFactory> factory) : factory_(std::move(factory)) {}
     virtual std::optional<Array> convert(PyObject* obj, const ConversionState& state) = 0;
     virtual ~ConvertToVeltraDataArray() = default;
-
-protected:
-    ArrayFactory& factory() const { return *factory_; }
-    std::shared_ptr<ArrayFactory> factory_;
 };
 
 // Array -> new Python reference, or null with a Python exception set.
 class ConvertVDAToPyObject {
 public:
-    explicit ConvertVDAToPyObject(std::shared_ptr<ArrayFactory> factory) : factory_(std::move(factory)) {}
     virtual PyObject* convert(const Array& a) = 0;
     virtual ~ConvertVDAToPyObject() = default;
+};
+
+// The base of every Python-to-array converter. A null object is refused here, before doConvert.
+class ToArrayConverter : public ConvertToVeltraDataArray {
+public:
+    explicit ToArrayConverter(std::shared_ptr<ArrayFactory> factory) : factory_(std::move(factory)) {}
+    std::optional<Array> convert(PyObject* obj, const ConversionState& state) final;
 
 protected:
+    // `obj` is not null.
+    virtual std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) = 0;
     ArrayFactory& factory() const { return *factory_; }
+
+private:
     std::shared_ptr<ArrayFactory> factory_;
 };
+
+// The base of every array-to-Python converter.
+class ToPythonConverter : public ConvertVDAToPyObject {
+public:
+    explicit ToPythonConverter(std::shared_ptr<ArrayFactory> factory) : factory_(std::move(factory)) {}
+    PyObject* convert(const Array& a) final;
+
+protected:
+    virtual PyObject* doConvert(const Array& a) = 0;
+    ArrayFactory& factory() const { return *factory_; }
+
+private:
+    std::shared_ptr<ArrayFactory> factory_;
+};
+
+// "conversion of Python data type '" + name + "' to VELTRA not supported"
+std::string unsupportedTypeText(const std::string& name);
+// TypeError with unsupportedTypeText for the name of obj's type.
+pyutil::Failure failUnsupportedType(PyObject* obj);
 
 }  // namespace PythonVeltraDataArray::detail

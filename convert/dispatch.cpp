@@ -14,7 +14,8 @@
 #include "convert/numeric.h"
 #include "convert/scalar.h"
 #include "convert/text.h"
-#include "convert/type_name.h"
+#include "pyutil/messages.h"
+#include "pyutil/type_name.h"
 
 namespace PythonVeltraDataArray {
 
@@ -23,23 +24,20 @@ using detail::ArrayFactory;
 using detail::ArrayType;
 using detail::ConvertToVeltraDataArray;
 using detail::ConvertVDAToPyObject;
+using pyutil::fail;
 
 namespace {
 
 using ToArrayPtr = std::shared_ptr<ConvertToVeltraDataArray>;
 using ToPythonPtr = std::shared_ptr<ConvertVDAToPyObject>;
 
-const std::string kCapsuleIsNull = "capsule is null";
-const std::string kSparse = "conversion of VELTRA sparse array to Python not supported";
-
-std::string unsupportedKindText(ArrayType t) {
-    return "conversion of VELTRA data type " + std::to_string(static_cast<int>(t)) + " to Python not supported";
+pyutil::Failure failUnsupportedKind(ArrayType t) {
+    return fail(PyExc_TypeError,
+                "conversion of VELTRA data type " + std::to_string(static_cast<int>(t)) + " to Python not supported");
 }
 
-// Python type name -> converter, in registration order (kept for inspection while debugging), with an index
-// for the lookup. Each key has its own converter instance, also where two keys share a class.
+// Python type name -> converter. Each key has its own converter instance, also where two keys share a class.
 struct TypeRegistry {
-    std::vector<std::pair<std::string, ToArrayPtr>> entries;
     std::unordered_map<std::string, ToArrayPtr> byName;
     // The exact builtin types among the keys, found by pointer: their names are their tp_names, so this
     // only skips computing a name that would be looked up anyway.
@@ -49,7 +47,6 @@ struct TypeRegistry {
     template <typename C>
     void add(const std::string& name, const std::shared_ptr<ArrayFactory>& f, PyTypeObject* builtin = nullptr) {
         ToArrayPtr c = std::make_shared<C>(f);
-        entries.emplace_back(name, c);
         byName.emplace(name, c);
         if (builtin) builtins.emplace_back(builtin, c);
     }
@@ -86,16 +83,10 @@ void fillTypeRegistry(TypeRegistry& r, const std::shared_ptr<ArrayFactory>& f) {
     r.add<NotYetConvertible>("pandas._libs.tslibs.timestamps.Timestamp", f);  // PyDatetimeToDatetime
     r.add<NotYetConvertible>("pandas.Timedelta", f);                // PyTimedeltaToDuration
     r.add<NotYetConvertible>("pandas._libs.tslibs.timedeltas.Timedelta", f);  // PyTimedeltaToDuration
-    r.add<VCPyDoubleToDouble>("veltra.double", f);
-    r.add<VCPySingleToSingle>("veltra.single", f);
-    r.add<VCPyInt8ToInt8>("veltra.int8", f);
-    r.add<VCPyInt16ToInt16>("veltra.int16", f);
-    r.add<VCPyInt32ToInt32>("veltra.int32", f);
-    r.add<VCPyInt64ToInt64>("veltra.int64", f);
-    r.add<VCPyUint8ToUint8>("veltra.uint8", f);
-    r.add<VCPyUint16ToUint16>("veltra.uint16", f);
-    r.add<VCPyUint32ToUint32>("veltra.uint32", f);
-    r.add<VCPyUint64ToUint64>("veltra.uint64", f);
+#define VELTRA_ADD_PACKAGE_TYPE(KIND, T, NAME, TO_PYTHON) \
+    r.add<VCPyTypedToTyped<ArrayType::KIND>>(std::string("veltra.") + NAME, f);
+    VELTRA_NUMERIC_KINDS(VELTRA_ADD_PACKAGE_TYPE)
+#undef VELTRA_ADD_PACKAGE_TYPE
     r.add<VCPyLogicalToLogical>("veltra.logical", f);
     r.add<BufferProtocolObjectToBuffer>("<buffer>", f);
     r.add<NumpyNDArrayObjectToBuffer>("numpy.ndarray", f);
@@ -105,12 +96,18 @@ void fillTypeRegistry(TypeRegistry& r, const std::shared_ptr<ArrayFactory>& f) {
     r.mapping = r.find("veltra.dictionary");
 }
 
-// ArrayType -> converter; one map for one-element arrays, one for all others.
-// Indexed by the kind's number; an empty slot is a kind without an entry.
+// ArrayType -> converter; one table for one-element arrays, one for all others, indexed by the kind's
+// number. An empty slot is a kind without an entry.
 struct KindRegistries {
     using Table = std::array<ToPythonPtr, foundation::veltradata::kMaxArrayType + 1>;
     Table scalar, array;
 
+    // One converter for the kind in both tables.
+    template <typename C>
+    void add(ArrayType t, const std::shared_ptr<ArrayFactory>& f) {
+        addScalar<C>(t, f);
+        addArray<C>(t, f);
+    }
     template <typename C>
     void addScalar(ArrayType t, const std::shared_ptr<ArrayFactory>& f) {
         scalar[static_cast<std::size_t>(t)] = std::make_shared<C>(f);
@@ -119,46 +116,33 @@ struct KindRegistries {
     void addArray(ArrayType t, const std::shared_ptr<ArrayFactory>& f) {
         array[static_cast<std::size_t>(t)] = std::make_shared<C>(f);
     }
+    // A real numeric kind and its complex kind. The scalar converters read element 0 as complex for a complex
+    // kind and return a Python complex; arrays of both become package objects.
+    template <ArrayType Real>
+    void addNumeric(const std::shared_ptr<ArrayFactory>& f) {
+        constexpr ArrayType complex = foundation::veltradata::complexTypeOf(Real);
+        addScalar<detail::NumericToPyScalar<Real>>(Real, f);
+        addScalar<detail::NumericToPyScalar<Real>>(complex, f);
+        addArray<detail::ConvertVDAToVCPyArray>(Real, f);
+        addArray<detail::ConvertVDAToVCPyArray>(complex, f);
+    }
 };
-
-template <typename ScalarConverter>
-void addNumeric(KindRegistries& r, ArrayType real, const std::shared_ptr<ArrayFactory>& f) {
-    using detail::ConvertVDAToVCPyArray;
-    const ArrayType complex = foundation::veltradata::complexTypeOf(real);
-    r.addScalar<ScalarConverter>(real, f);
-    // The scalar converters read element 0 as complex for a complex kind and return a Python complex.
-    r.addScalar<ScalarConverter>(complex, f);
-    r.addArray<ConvertVDAToVCPyArray>(real, f);
-    r.addArray<ConvertVDAToVCPyArray>(complex, f);
-}
 
 void fillKindRegistries(KindRegistries& r, const std::shared_ptr<ArrayFactory>& f) {
     using namespace detail;
     r.addScalar<LogicalToPyBool>(ArrayType::LOGICAL, f);
     r.addArray<ConvertVDAToVCPyArray>(ArrayType::LOGICAL, f);  // veltra.logical
-    r.addScalar<CharToPyStr>(ArrayType::CHAR, f);
-    r.addArray<CharToPyStr>(ArrayType::CHAR, f);
+    r.add<CharToPyStr>(ArrayType::CHAR, f);
     r.addScalar<VLStringToPyStr>(ArrayType::VELTRA_STRING, f);
     r.addArray<VLStringToPyList>(ArrayType::VELTRA_STRING, f);
-    addNumeric<DoubleToPyFloat>(r, ArrayType::DOUBLE, f);
-    addNumeric<SingleToPyFloat>(r, ArrayType::SINGLE, f);
-    addNumeric<Int8ToPyLong>(r, ArrayType::INT8, f);
-    addNumeric<Uint8ToPyLong>(r, ArrayType::UINT8, f);
-    addNumeric<Int16ToPyLong>(r, ArrayType::INT16, f);
-    addNumeric<Uint16ToPyLong>(r, ArrayType::UINT16, f);
-    addNumeric<Int32ToPyLong>(r, ArrayType::INT32, f);
-    addNumeric<Uint32ToPyLong>(r, ArrayType::UINT32, f);
-    addNumeric<Int64ToPyLong>(r, ArrayType::INT64, f);
-    addNumeric<Uint64ToPyLong>(r, ArrayType::UINT64, f);
-    r.addScalar<CellToPyList>(ArrayType::CELL, f);
-    r.addArray<CellToPyList>(ArrayType::CELL, f);
-    r.addScalar<StructToPyDict>(ArrayType::STRUCT, f);
-    r.addArray<StructToPyDict>(ArrayType::STRUCT, f);
+#define VELTRA_ADD_NUMERIC(KIND, T, NAME, TO_PYTHON) r.addNumeric<ArrayType::KIND>(f);
+    VELTRA_NUMERIC_KINDS(VELTRA_ADD_NUMERIC)
+#undef VELTRA_ADD_NUMERIC
+    r.add<CellToPyList>(ArrayType::CELL, f);
+    r.add<StructToPyDict>(ArrayType::STRUCT, f);
     // Value objects (dates, durations, tables, dictionaries) and handle references: later work.
-    r.addScalar<ObjectsNotYetConvertible>(ArrayType::VALUE_OBJECT, f);
-    r.addArray<ObjectsNotYetConvertible>(ArrayType::VALUE_OBJECT, f);
-    r.addScalar<ObjectsNotYetConvertible>(ArrayType::HANDLE_OBJECT_REF, f);
-    r.addArray<ObjectsNotYetConvertible>(ArrayType::HANDLE_OBJECT_REF, f);
+    r.add<ObjectsNotYetConvertible>(ArrayType::VALUE_OBJECT, f);
+    r.add<ObjectsNotYetConvertible>(ArrayType::HANDLE_OBJECT_REF, f);
 }
 
 std::once_flag g_registriesOnce;
@@ -188,36 +172,36 @@ const ToArrayPtr& lookup(PyObject* obj) {
     for (const auto& [builtin, converter] : r.builtins)
         if (type == builtin) return converter;
 
-    const std::optional<std::string> name = detail::pythonTypeName(obj);
-    if (!name) return r.null;
-    auto it = r.byName.find(*name);
+    const std::string name = pyutil::typeName(obj);
+    if (name.empty()) return r.null;
+    auto it = r.byName.find(name);
     if (it != r.byName.end()) return it->second;
 
     const VeltraArrayCapi* capi = detail::capsule();
     if (!capi) {
-        PyErr_SetString(PyExc_TypeError, kCapsuleIsNull.c_str());
+        fail(PyExc_TypeError, pyutil::kCapsuleIsNull);
         return kNone;
     }
     if (capi->is_buffer(obj)) return r.buffer;
     if (PyMapping_Check(obj)) return r.mapping;
-    PyErr_SetString(PyExc_TypeError, detail::unsupportedTypeText(*name).c_str());
+    fail(PyExc_TypeError, detail::unsupportedTypeText(name));
     return kNone;
 }
 
-const ToPythonPtr& lookup(const Array& a, bool forceScalar) {
+const ToPythonPtr& lookup(const Array& a) {
     static const ToPythonPtr kNone;
     if (foundation::veltradata::isSparse(a)) {
-        PyErr_SetString(PyExc_TypeError, kSparse.c_str());
+        fail(PyExc_TypeError, pyutil::kSparseToPython);
         return kNone;
     }
     const ArrayType type = a.getType();
-    const auto& registry = (!forceScalar && a.getNumberOfElements() != 1) ? g_kinds->array : g_kinds->scalar;
+    const auto& registry = a.getNumberOfElements() != 1 ? g_kinds->array : g_kinds->scalar;
     const int index = static_cast<int>(type);
     if (foundation::veltradata::isValidArrayType(index)) {
         const ToPythonPtr& converter = registry[static_cast<std::size_t>(index)];
         if (converter) return converter;
     }
-    PyErr_SetString(PyExc_TypeError, unsupportedKindText(type).c_str());
+    failUnsupportedKind(type);
     return kNone;
 }
 
@@ -236,16 +220,6 @@ const std::shared_ptr<Factory>& Factory::instance() {
     return factory;
 }
 
-std::shared_ptr<ConvertToVeltraDataArray> Factory::getConverter(PyObject* obj) {
-    ensureRegistries(arrayFactory_);
-    return lookup(obj);
-}
-
-std::shared_ptr<ConvertVDAToPyObject> Factory::getConverter(const Array& a, bool forceScalar) {
-    ensureRegistries(arrayFactory_);
-    return lookup(a, forceScalar);
-}
-
 }  // namespace VDAPBConverter
 
 namespace detail {
@@ -254,36 +228,20 @@ std::optional<Array> convertToArray(PyObject* obj, const ConversionState& state)
     VDAPBConverter::Factory::instance();  // fills the registries on first use
     const ToArrayPtr& converter = lookup(obj);
     if (!converter) return std::nullopt;
-    std::optional<Array> result = converter->convert(obj, state);
-    if (!result) return std::nullopt;
-    // The scalar converters leave the C API's error in place (OverflowError with -1, a truth test's error
-    // with true): the pending error is the outcome, not the placeholder value.
-    if (PyErr_Occurred()) return std::nullopt;
-    if (result->getType() == ArrayType::UNKNOWN) {
-        std::optional<std::string> name = obj ? pythonTypeName(obj) : std::nullopt;
-        if (name) PyErr_SetString(PyExc_TypeError, unsupportedTypeText(*name).c_str());
-        return std::nullopt;
-    }
-    return result;
+    return converter->convert(obj, state);
 }
 
 PyObject* convertToPython(const Array& a) {
     VDAPBConverter::Factory::instance();  // fills the registries on first use
-    const ToPythonPtr& converter = lookup(a, false);
+    const ToPythonPtr& converter = lookup(a);
     if (!converter) return nullptr;
     return converter->convert(a);
 }
 
 PyObject* toPython(const Array& a) {
     const ArrayType type = a.getType();
-    if (foundation::veltradata::isSparseType(type)) {
-        PyErr_SetString(PyExc_TypeError, kSparse.c_str());
-        return nullptr;
-    }
-    if (type == ArrayType::UNKNOWN || type == ArrayType::ENUM) {
-        PyErr_SetString(PyExc_TypeError, unsupportedKindText(type).c_str());
-        return nullptr;
-    }
+    if (foundation::veltradata::isSparseType(type)) return fail(PyExc_TypeError, pyutil::kSparseToPython);
+    if (type == ArrayType::UNKNOWN || type == ArrayType::ENUM) return failUnsupportedKind(type);
     return convertToPython(a);
 }
 

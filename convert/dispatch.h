@@ -19,15 +19,6 @@ class Factory {
 public:
     static const std::shared_ptr<Factory>& instance();
 
-    // The converter registered for obj's type name, the "NULL" converter for a null object (or a type whose
-    // name cannot be computed), the "<buffer>" converter for anything the capsule reads as a buffer, the
-    // dictionary converter for any other mapping. Empty with a Python exception set otherwise.
-    std::shared_ptr<detail::ConvertToVeltraDataArray> getConverter(PyObject* obj);
-
-    // The scalar registry's converter for a one-element array (or always, with forceScalar), the array
-    // registry's otherwise. Empty with TypeError set for sparse arrays and kinds without an entry.
-    std::shared_ptr<detail::ConvertVDAToPyObject> getConverter(const detail::Array& a, bool forceScalar);
-
     const std::shared_ptr<detail::ArrayFactory>& arrayFactory() const { return arrayFactory_; }
 
     Factory();
@@ -40,13 +31,14 @@ private:
 
 namespace detail {
 
-// Runs obj's converter. Absent with exactly one Python exception set when the converter fails, and also when
-// it produced an array but left a Python error pending (an int beyond 64 bits, a failing truth test): that
-// error is reported rather than the placeholder value.
+// Runs the converter registered for obj's type name: the "NULL" converter for a null object (or a type whose
+// name cannot be computed), the "<buffer>" converter for anything else the capsule reads as a buffer, the
+// dictionary converter for any other mapping. Absent with exactly one Python exception set.
 std::optional<Array> convertToArray(PyObject* obj, const ConversionState& state);
 
-// Runs the converter the array registry or the scalar registry holds for `a` (nested values: cell elements,
-// struct fields). A new reference, or null with a Python exception set.
+// Runs the converter the scalar registry (one-element arrays) or the array registry (all others) holds for
+// `a` (nested values: cell elements, struct fields). A new reference, or null with a Python exception set:
+// TypeError for sparse arrays and kinds without an entry.
 PyObject* convertToPython(const Array& a);
 
 // What serialized_str_to_py returns for the array read from a result: sparse kinds, UNKNOWN and ENUM are

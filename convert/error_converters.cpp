@@ -2,45 +2,29 @@
 
 #include <string>
 
-#include "convert/type_name.h"
-
-using foundation::veltradata::ValueObjectArray;
+#include "pyutil/messages.h"
 
 namespace PythonVeltraDataArray::detail {
 
-namespace {
-const std::string kNullObject = "passing null Python object pointer to VELTRA not supported";
-const std::string kNone = "passing 'None' to VELTRA not supported";
-const std::string kHandleRefs = "conversion of VELTRA handle object references to Python not supported yet";
-}  // namespace
+using foundation::veltradata::ValueObjectArray;
 
-std::optional<Array> NullToError::convert(PyObject*, const ConversionState&) {
-    PyErr_SetString(PyExc_RuntimeError, kNullObject.c_str());
-    return std::nullopt;
+std::optional<Array> NullToError::doConvert(PyObject*, const ConversionState&) {
+    return fail(PyExc_RuntimeError, pyutil::kNullObject);
 }
 
-std::optional<Array> PyNoneToError::convert(PyObject*, const ConversionState&) {
-    PyErr_SetString(PyExc_TypeError, kNone.c_str());
-    return std::nullopt;
+std::optional<Array> PyNoneToError::doConvert(PyObject*, const ConversionState&) {
+    return fail(PyExc_TypeError, "passing 'None' to VELTRA not supported");
 }
 
-std::optional<Array> NotYetConvertible::convert(PyObject* obj, const ConversionState&) {
-    if (!obj) return std::nullopt;
-    std::optional<std::string> name = pythonTypeName(obj);
-    if (name) PyErr_SetString(PyExc_TypeError, unsupportedTypeText(*name).c_str());
-    return std::nullopt;
+std::optional<Array> NotYetConvertible::doConvert(PyObject* obj, const ConversionState&) {
+    return failUnsupportedType(obj);
 }
 
-PyObject* ObjectsNotYetConvertible::convert(const Array& a) {
-    if (a.getType() == ArrayType::VALUE_OBJECT) {
-        const std::string cls = ValueObjectArray(a).getClassInfo().getClassIdentifier().getClassName();
-        PyErr_SetString(PyExc_TypeError,
-                        ("conversion of VELTRA value object of class '" + cls + "' to Python not supported yet")
-                            .c_str());
-    } else {
-        PyErr_SetString(PyExc_TypeError, kHandleRefs.c_str());
-    }
-    return nullptr;
+PyObject* ObjectsNotYetConvertible::doConvert(const Array& a) {
+    if (a.getType() != ArrayType::VALUE_OBJECT)
+        return fail(PyExc_TypeError, "conversion of VELTRA handle object references to Python not supported yet");
+    const std::string cls = ValueObjectArray(a).getClassInfo().getClassIdentifier().getClassName();
+    return fail(PyExc_TypeError, "conversion of VELTRA value object of class '" + cls + "' to Python not supported yet");
 }
 
 }  // namespace PythonVeltraDataArray::detail

@@ -1,4 +1,8 @@
-#include "module_state.h"
+#include "convert/module_state.h"
+
+#include <utility>
+
+#include "pyutil/ref.h"
 
 namespace PythonVeltraDataArray::detail {
 
@@ -12,8 +16,7 @@ void setCapsule(const VeltraArrayCapi* table) noexcept { g_capsule = table; }
 
 PyObject* packageDoubleType() noexcept { return g_doubleType; }
 void setPackageDoubleType(PyObject* stolen) noexcept {
-    Py_XDECREF(g_doubleType);
-    g_doubleType = stolen;
+    pyutil::Ref old = pyutil::Ref::steal(std::exchange(g_doubleType, stolen));
 }
 
 }  // namespace PythonVeltraDataArray::detail

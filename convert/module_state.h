@@ -3,7 +3,7 @@
 
 #include <Python.h>
 
-#include "veltra_capi.h"
+#include "arraypkg/veltra_capi.h"
 
 namespace PythonVeltraDataArray::detail {
 

@@ -2,19 +2,15 @@
 // typed array package: every converter here is a thin adapter around its capsule table (module_state.h).
 #pragma once
 
-#include <Python.h>
-
-#include <memory>
-#include <optional>
-
 #include "convert/converter.h"
+#include "convert/numeric_kinds.h"
 
 namespace PythonVeltraDataArray::detail {
 
 // Base of every Python-to-array converter that goes through the capsule.
-class ConvertVCPyArray : public ConvertToVeltraDataArray {
+class ConvertVCPyArray : public ToArrayConverter {
 public:
-    using ConvertToVeltraDataArray::ConvertToVeltraDataArray;
+    using ToArrayConverter::ToArrayConverter;
 
 protected:
     // Capsule entry 1 on (obj, obj, type): the package's own array for a package object, or one column-major
@@ -25,70 +21,55 @@ protected:
     static std::optional<Array> fromBuffer(PyObject* obj);
 };
 
-// A package object (veltra.double, veltra.int16, ...): `_is_complex` picks the real or the complex kind.
-template <ArrayType Real, ArrayType Complex>
-class VCPyTypedToTyped : public ConvertVCPyArray {
+// A package object of the numeric kind `Kind` (veltra.double, veltra.int16, ...): `_is_complex` picks the
+// real or the complex kind. Named per kind in numeric_kinds.h (VCPyDoubleToDouble, ...).
+template <ArrayType Kind>
+class VCPyTypedToTyped final : public ConvertVCPyArray {
 public:
-    explicit VCPyTypedToTyped(std::shared_ptr<ArrayFactory> factory) : ConvertVCPyArray(std::move(factory)) {}
-    std::optional<Array> convert(PyObject* obj, const ConversionState& state) override;
+    using ConvertVCPyArray::ConvertVCPyArray;
+
+protected:
+    std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override;
 };
 
-#define VELTRA_VCPY_CONVERTER(Name, Real, Complex)                                                  \
-    class Name final : public VCPyTypedToTyped<ArrayType::Real, ArrayType::Complex> {             \
-    public:                                                                                       \
-        using VCPyTypedToTyped<ArrayType::Real, ArrayType::Complex>::VCPyTypedToTyped;              \
-    }
-
-VELTRA_VCPY_CONVERTER(VCPyDoubleToDouble, DOUBLE, COMPLEX_DOUBLE);
-VELTRA_VCPY_CONVERTER(VCPySingleToSingle, SINGLE, COMPLEX_SINGLE);
-VELTRA_VCPY_CONVERTER(VCPyInt8ToInt8, INT8, COMPLEX_INT8);
-VELTRA_VCPY_CONVERTER(VCPyUint8ToUint8, UINT8, COMPLEX_UINT8);
-VELTRA_VCPY_CONVERTER(VCPyInt16ToInt16, INT16, COMPLEX_INT16);
-VELTRA_VCPY_CONVERTER(VCPyUint16ToUint16, UINT16, COMPLEX_UINT16);
-VELTRA_VCPY_CONVERTER(VCPyInt32ToInt32, INT32, COMPLEX_INT32);
-VELTRA_VCPY_CONVERTER(VCPyUint32ToUint32, UINT32, COMPLEX_UINT32);
-VELTRA_VCPY_CONVERTER(VCPyInt64ToInt64, INT64, COMPLEX_INT64);
-VELTRA_VCPY_CONVERTER(VCPyUint64ToUint64, UINT64, COMPLEX_UINT64);
-
-#undef VELTRA_VCPY_CONVERTER
+#define VELTRA_DECLARE(KIND, T, NAME, TO_PYTHON) extern template class VCPyTypedToTyped<ArrayType::KIND>;
+VELTRA_NUMERIC_KINDS(VELTRA_DECLARE)
+#undef VELTRA_DECLARE
 
 // veltra.logical: always LOGICAL; `_is_complex` is not read.
 class VCPyLogicalToLogical final : public ConvertVCPyArray {
 public:
     using ConvertVCPyArray::ConvertVCPyArray;
-    std::optional<Array> convert(PyObject* obj, const ConversionState& state) override;
+
+protected:
+    std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override;
 };
 
 // memoryview and any other object the capsule reads as a buffer; the capsule reports the element kind.
 class BufferProtocolObjectToBuffer final : public ConvertVCPyArray {
 public:
     using ConvertVCPyArray::ConvertVCPyArray;
-    std::optional<Array> convert(PyObject* obj, const ConversionState& state) override;
+
+protected:
+    std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override;
 };
 
 // numpy.ndarray: datetime64 / timedelta64 go to the time converters, every other dtype through the buffer path.
 class NumpyNDArrayObjectToBuffer final : public ConvertVCPyArray {
 public:
     using ConvertVCPyArray::ConvertVCPyArray;
-    std::optional<Array> convert(PyObject* obj, const ConversionState& state) override;
+
+protected:
+    std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override;
 };
 
 // Numeric (and logical) arrays of other than one element -> a package object holding the same storage.
-class ConvertVDAToVCPyArray final : public ConvertVDAToPyObject {
+class ConvertVDAToVCPyArray final : public ToPythonConverter {
 public:
-    using ConvertVDAToPyObject::ConvertVDAToPyObject;
-    PyObject* convert(const Array& a) override;
-};
+    using ToPythonConverter::ToPythonConverter;
 
-extern template class VCPyTypedToTyped<ArrayType::DOUBLE, ArrayType::COMPLEX_DOUBLE>;
-extern template class VCPyTypedToTyped<ArrayType::SINGLE, ArrayType::COMPLEX_SINGLE>;
-extern template class VCPyTypedToTyped<ArrayType::INT8, ArrayType::COMPLEX_INT8>;
-extern template class VCPyTypedToTyped<ArrayType::UINT8, ArrayType::COMPLEX_UINT8>;
-extern template class VCPyTypedToTyped<ArrayType::INT16, ArrayType::COMPLEX_INT16>;
-extern template class VCPyTypedToTyped<ArrayType::UINT16, ArrayType::COMPLEX_UINT16>;
-extern template class VCPyTypedToTyped<ArrayType::INT32, ArrayType::COMPLEX_INT32>;
-extern template class VCPyTypedToTyped<ArrayType::UINT32, ArrayType::COMPLEX_UINT32>;
-extern template class VCPyTypedToTyped<ArrayType::INT64, ArrayType::COMPLEX_INT64>;
-extern template class VCPyTypedToTyped<ArrayType::UINT64, ArrayType::COMPLEX_UINT64>;
+protected:
+    PyObject* doConvert(const Array& a) override;
+};
 
 }  // namespace PythonVeltraDataArray::detail

@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "convert/py_ref.h"
 
 namespace PythonVeltraDataArray::detail {
 
@@ -12,9 +11,9 @@ using foundation::veltradata::VeltraString;
 
 namespace {
 
-const std::string kCharShape = "char arrays returned from VELTRA must be 1-by-N or M-by-1";
+constexpr char kCharShape[] = "char arrays returned from VELTRA must be 1-by-N or M-by-1";
 // The trailing blank is part of the message.
-const std::string kStringShape = "string arrays returned from VELTRA must be 1-by-N or M-by-1 ";
+constexpr char kStringShape[] = "string arrays returned from VELTRA must be 1-by-N or M-by-1 ";
 
 // Strict errors; native order, a leading byte-order mark is taken as one (and dropped).
 PyObject* decodeUtf16(const char16_t* units, std::size_t n) {
@@ -48,15 +47,14 @@ namespace {
 
 // The UTF-16 encoding of a str without its byte-order mark, as the codec's bytes object holds it.
 struct Utf16Bytes {
-    PyRef bytes;
+    Ref bytes;
     const char* data = nullptr;
     std::size_t units = 0;
 };
 
 std::optional<Utf16Bytes> encodeUtf16(PyObject* obj) {
-    if (!obj) return std::nullopt;
     Utf16Bytes out;
-    out.bytes = PyRef::steal(PyUnicode_AsUTF16String(obj));
+    out.bytes = Ref::steal(PyUnicode_AsUTF16String(obj));
     if (!out.bytes) return std::nullopt;
     out.data = PyBytes_AsString(out.bytes.get());
     if (!out.data) return std::nullopt;
@@ -79,25 +77,21 @@ std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj) {
     return out;
 }
 
-std::optional<Array> PyStrToCharOrString::convert(PyObject* obj, const ConversionState& state) {
-    if (!obj) return std::nullopt;
+std::optional<Array> PyStrToCharOrString::doConvert(PyObject* obj, const ConversionState& state) {
     if (!state.allowString || !state.notNested) {
         // Char data goes from the codec's buffer straight into the array.
         std::optional<Utf16Bytes> encoded = encodeUtf16(obj);
-        if (!encoded) return std::nullopt;
+        if (!encoded) return failed();
         return factory().createArrayWithData(ArrayType::CHAR, {1, encoded->units}, encoded->data,
                                              encoded->units * sizeof(char16_t));
     }
     std::optional<std::u16string> text = pyUnicodeToUtf16(obj);
-    if (!text) return std::nullopt;
+    if (!text) return failed();
     return factory().createScalar(*text);
 }
 
-PyObject* CharToPyStr::convert(const Array& a) {
-    if (!isRowOrColumn(a)) {
-        PyErr_SetString(PyExc_ValueError, kCharShape.c_str());
-        return nullptr;
-    }
+PyObject* CharToPyStr::doConvert(const Array& a) {
+    if (!isRowOrColumn(a)) return fail(PyExc_ValueError, kCharShape);
     const CharArray chars(a);
     const char16_t* units = chars.data();
     const std::size_t n = static_cast<std::size_t>(chars.getNumberOfElements());
@@ -106,27 +100,24 @@ PyObject* CharToPyStr::convert(const Array& a) {
     return decodeUtf16(units, n);
 }
 
-PyObject* VLStringToPyStr::convert(const Array& a) {
-    const VeltraString element = TypedArray<VeltraString>(a)[index_].getValue<VeltraString>();
+PyObject* VLStringToPyStr::doConvert(const Array& a) {
+    const VeltraString element = TypedArray<VeltraString>(a)[0].getValue<VeltraString>();
     if (!element) Py_RETURN_NONE;
     return decodeUtf16(*element);
 }
 
-PyObject* VLStringToPyList::convert(const Array& a) {
-    if (!isRowOrColumn(a)) {
-        PyErr_SetString(PyExc_ValueError, kStringShape.c_str());
-        return nullptr;
-    }
+PyObject* VLStringToPyList::doConvert(const Array& a) {
+    if (!isRowOrColumn(a)) return fail(PyExc_ValueError, kStringShape);
     const TypedArray<VeltraString> strings(a);
     const std::uint64_t n = strings.getNumberOfElements();
-    PyRef list = PyRef::steal(PyList_New(static_cast<Py_ssize_t>(n)));
-    if (!list) return nullptr;
+    Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(n)));
+    if (!list) return failed();
     for (std::uint64_t i = 0; i < n; ++i) {
         const VeltraString element = strings[i].getValue<VeltraString>();
         PyObject* item = nullptr;
         if (element) {
             item = decodeUtf16(*element);
-            if (!item) return nullptr;
+            if (!item) return failed();
         } else {
             item = Py_NewRef(Py_None);
         }

@@ -1,7 +1,6 @@
 // Python str <-> CHAR and VELTRA_STRING arrays. Text crosses as UTF-16 code units both ways.
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -15,36 +14,40 @@ std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj);
 
 // str -> 1-by-N CHAR array, or a 1-by-1 VELTRA_STRING array when state.allowString and state.notNested are
 // both set. Absent with the codec's error pending for a lone surrogate.
-class PyStrToCharOrString final : public ConvertToVeltraDataArray {
+class PyStrToCharOrString final : public ToArrayConverter {
 public:
-    using ConvertToVeltraDataArray::ConvertToVeltraDataArray;
-    std::optional<Array> convert(PyObject* obj, const ConversionState& state) override;
+    using ToArrayConverter::ToArrayConverter;
+
+protected:
+    std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override;
 };
 
 // CHAR array (1-by-N, M-by-1, or empty 2-D) -> str in linear order. ValueError for other shapes; the codec's
 // error for an unpaired surrogate.
-class CharToPyStr final : public ConvertVDAToPyObject {
+class CharToPyStr final : public ToPythonConverter {
 public:
-    using ConvertVDAToPyObject::ConvertVDAToPyObject;
-    PyObject* convert(const Array& a) override;
+    using ToPythonConverter::ToPythonConverter;
+
+protected:
+    PyObject* doConvert(const Array& a) override;
 };
 
-// One element of a VELTRA_STRING array -> str, or None when the element is missing.
-class VLStringToPyStr final : public ConvertVDAToPyObject {
+// Element 0 of a VELTRA_STRING array -> str, or None when the element is missing.
+class VLStringToPyStr final : public ToPythonConverter {
 public:
-    VLStringToPyStr(std::shared_ptr<ArrayFactory> factory, std::uint64_t index = 0)
-        : ConvertVDAToPyObject(std::move(factory)), index_(index) {}
-    PyObject* convert(const Array& a) override;
+    using ToPythonConverter::ToPythonConverter;
 
-private:
-    std::uint64_t index_;
+protected:
+    PyObject* doConvert(const Array& a) override;
 };
 
 // VELTRA_STRING array (1-by-N, M-by-1, or empty 2-D) -> list of str / None.
-class VLStringToPyList final : public ConvertVDAToPyObject {
+class VLStringToPyList final : public ToPythonConverter {
 public:
-    using ConvertVDAToPyObject::ConvertVDAToPyObject;
-    PyObject* convert(const Array& a) override;
+    using ToPythonConverter::ToPythonConverter;
+
+protected:
+    PyObject* doConvert(const Array& a) override;
 };
 
 // Shared by the text and the container converters: at most two dimensions, and not both more than one row

@@ -19,12 +19,12 @@
 
 namespace foundation::veltradata::protobuf {
 
-using veltra::data::AlignedBuffer;
-using veltra::data::ArrayImpl;
-using veltra::data::EnumStorage;
-using veltra::data::ObjectStorage;
-using veltra::data::SparseStorage;
-using veltra::data::StructStorage;
+using foundation::veltradata::detail::AlignedBuffer;
+using foundation::veltradata::detail::ArrayImpl;
+using foundation::veltradata::detail::EnumStorage;
+using foundation::veltradata::detail::ObjectStorage;
+using foundation::veltradata::detail::SparseStorage;
+using foundation::veltradata::detail::StructStorage;
 using wire::Reader;
 using wire::Span;
 using wire::WireType;

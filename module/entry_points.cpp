@@ -8,16 +8,20 @@
 #include <string>
 
 #include "convert/dispatch.h"
-#include "convert/py_ref.h"
 #include "envelope/call_messages.h"
-#include "veltradata/buffer.h"
 #include "module/keywords.h"
+#include "pyutil/buffer.h"
+#include "pyutil/error.h"
+#include "pyutil/messages.h"
+#include "pyutil/ref.h"
+#include "veltradata/buffer.h"
 
 namespace PythonVeltraDataArray::module {
 
 using detail::Array;
 using detail::ConversionState;
-using detail::PyRef;
+using pyutil::fail;
+using pyutil::Ref;
 
 namespace {
 
@@ -26,15 +30,9 @@ const char* const kModuleIsNull = "Module is null";
 const char* const kArgsIsNull = "args is null";
 const char* const kArgsInvalid = "args invalid";
 const char* const kOnePositional = "py_to_serialized_str requires exactly one positional argument";
-const char* const kNullObject = "passing null Python object pointer to VELTRA not supported";
 const char* const kUnknownException = "Unknown exception";
 const char* const kReadFailed = "Exception thrown from protobuf2vdata with the following content:";
 constexpr std::size_t kHugePageWorthwhile = std::size_t{8} << 20;
-
-PyObject* fail(PyObject* type, const char* text) {
-    PyErr_SetString(type, text);
-    return nullptr;
-}
 
 // Building parameters, start to end: the argument's conversion and the message. The whole argument is
 // converted as the top level (ConversionState::topLevel(), the one place that sets it): a tuple's or list's
@@ -49,11 +47,11 @@ PyObject* buildParams(PyObject* obj, std::int32_t nargout) {
     const std::size_t size = message.byteSize();
     if (size > static_cast<std::size_t>(PY_SSIZE_T_MAX)) return fail(PyExc_ValueError, "The parameters message is too large.");
     // Sized first, then written once straight into the bytes object that is returned.
-    PyRef bytes = PyRef::steal(PyBytes_FromStringAndSize(nullptr, static_cast<Py_ssize_t>(size)));
+    Ref bytes = Ref::steal(PyBytes_FromStringAndSize(nullptr, static_cast<Py_ssize_t>(size)));
     if (!bytes) return nullptr;
     std::uint8_t* out = reinterpret_cast<std::uint8_t*>(PyBytes_AsString(bytes.get()));
     // Large messages are written into fresh memory: huge pages halve the cost of first touch.
-    if (size >= kHugePageWorthwhile) veltra::data::adviseHugePages(out, size);
+    if (size >= kHugePageWorthwhile) foundation::veltradata::detail::adviseHugePages(out, size);
     message.writeTo(out);
     return bytes.release();
 }
@@ -69,7 +67,7 @@ PyObject* pyToSerializedStr(PyObject* module, PyObject* args, PyObject* kwargs) 
         PyObject* obj = PyTuple_GetItem(args, 0);
         if (!obj) {
             PyErr_Clear();
-            return fail(PyExc_RuntimeError, kNullObject);
+            return fail(PyExc_RuntimeError, pyutil::kNullObject);
         }
         return buildParams(obj, options.nargout);
     } catch (const std::exception& e) {
@@ -86,27 +84,18 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
 
         // Exactly one C-contiguous bytes-like argument, as the "y*" argument format takes it, without the
         // format parser's overhead on every call.
-        Py_buffer view;
         if (!PyTuple_Check(args) || PyTuple_Size(args) != 1) return fail(PyExc_ValueError, kArgsInvalid);
-        if (PyObject_GetBuffer(PyTuple_GetItem(args, 0), &view, PyBUF_SIMPLE) != 0) {
+        pyutil::BufferView view;
+        if (!view.acquire(PyTuple_GetItem(args, 0), PyBUF_SIMPLE)) {
             PyErr_Clear();
             return fail(PyExc_ValueError, kArgsInvalid);
         }
-        if (!PyBuffer_IsContiguous(&view, 'C')) {
-            PyBuffer_Release(&view);
-            return fail(PyExc_ValueError, kArgsInvalid);
-        }
+        if (!PyBuffer_IsContiguous(&*view, 'C')) return fail(PyExc_ValueError, kArgsInvalid);
         // Our own copy; the caller's buffer is let go before anything else runs. (An aligned buffer: large
         // ones get huge pages, small ones come from the library's pool.)
-        veltra::data::AlignedBuffer data;
-        try {
-            data = veltra::data::AlignedBuffer(static_cast<std::size_t>(view.len), false);
-            if (view.len) std::memcpy(data.data(), view.buf, static_cast<std::size_t>(view.len));
-        } catch (...) {
-            PyBuffer_Release(&view);
-            throw;
-        }
-        PyBuffer_Release(&view);
+        foundation::veltradata::detail::AlignedBuffer data(static_cast<std::size_t>(view->len), false);
+        if (view->len) std::memcpy(data.data(), view->buf, static_cast<std::size_t>(view->len));
+        view.release();
 
         const KeywordOptions options = parseKeywords(kwargs, Direction::FromBytes);
         if (options.failed) return nullptr;

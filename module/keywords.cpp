@@ -6,11 +6,13 @@
 #include <stdexcept>
 #include <string>
 
-#include "convert/py_ref.h"
+#include "pyutil/error.h"
+#include "pyutil/ref.h"
 
 namespace PythonVeltraDataArray::module {
 
-using detail::PyRef;
+using pyutil::fail;
+using pyutil::Ref;
 
 namespace {
 
@@ -22,14 +24,9 @@ const std::string kNargoutPrefix = "Value of keyword argument 'nargout' (";
 const std::string kLessThanZero = ") was less than zero";
 const std::string kTooLarge = ") was greater than " + std::to_string(std::numeric_limits<std::int32_t>::max());
 
-bool fail(PyObject* type, const char* text) {
-    PyErr_SetString(type, text);
-    return false;
-}
-
 // ValueError from a format with one %U for a str object.
 bool failWithText(const char* format, PyObject* str) {
-    PyRef message = PyRef::steal(PyUnicode_FromFormat(format, str));
+    Ref message = Ref::steal(PyUnicode_FromFormat(format, str));
     if (message) PyErr_SetObject(PyExc_ValueError, message.get());
     return false;
 }
@@ -65,8 +62,8 @@ std::optional<long> stringToLong(PyObject* value) {
 
 // The decimal text of an int for messages; "" when Python cannot print it (more digits than it allows).
 std::string decimalText(PyObject* value) {
-    PyRef exact = PyRef::steal(PyNumber_Long(value));  // an int subclass may print itself otherwise
-    PyRef text = exact ? PyRef::steal(PyObject_Str(exact.get())) : PyRef();
+    Ref exact = Ref::steal(PyNumber_Long(value));  // an int subclass may print itself otherwise
+    Ref text = exact ? Ref::steal(PyObject_Str(exact.get())) : Ref();
     const char* utf8 = text ? PyUnicode_AsUTF8AndSize(text.get(), nullptr) : nullptr;
     if (!utf8) {
         PyErr_Clear();

@@ -5,17 +5,17 @@
 #include <string>
 
 #include "convert/module_state.h"
-#include "convert/py_ref.h"
 #include "module/entry_points.h"
-#include "veltra_capi.h"
+#include "pyutil/ref.h"
+#include "arraypkg/veltra_capi.h"
 
 namespace {
 
-using PythonVeltraDataArray::detail::PyRef;
+using PythonVeltraDataArray::pyutil::Ref;
 
 // The Python text of an object for a message; "" when it cannot be printed.
 std::string textOf(PyObject* obj) {
-    PyRef s = PyRef::steal(PyObject_Str(obj));
+    Ref s = Ref::steal(PyObject_Str(obj));
     const char* utf8 = s ? PyUnicode_AsUTF8AndSize(s.get(), nullptr) : nullptr;
     if (!utf8) {
         PyErr_Clear();
@@ -27,7 +27,7 @@ std::string textOf(PyObject* obj) {
 // Step 2: the typed array package, its capsule (the function table the numeric converters use) and its
 // `double` type. Throws std::runtime_error with the step's message, leaving no Python error behind.
 void importArrayPackage() {
-    PyRef package = PyRef::steal(PyImport_ImportModule("veltramultidimarrayforpython"));
+    Ref package = Ref::steal(PyImport_ImportModule("veltramultidimarrayforpython"));
     if (!package) {
         PyErr_Clear();
         std::string message = "Unable to import veltramultidimarrayforpython; sys.path: \n";

@@ -12,12 +12,12 @@
 
 namespace foundation::veltradata {
 
-using veltra::data::AlignedBuffer;
-using veltra::data::ArrayImpl;
-using veltra::data::EnumStorage;
-using veltra::data::ObjectStorage;
-using veltra::data::SparseStorage;
-using veltra::data::StructStorage;
+using foundation::veltradata::detail::AlignedBuffer;
+using foundation::veltradata::detail::ArrayImpl;
+using foundation::veltradata::detail::EnumStorage;
+using foundation::veltradata::detail::ObjectStorage;
+using foundation::veltradata::detail::SparseStorage;
+using foundation::veltradata::detail::StructStorage;
 
 namespace {
 const Dims kEmptyDims{0, 0};
@@ -118,7 +118,7 @@ bool rawEquals(const AlignedBuffer& a, const AlignedBuffer& b, std::uint64_t n) 
         return n == 0 || std::memcmp(pa, pb, n * sizeof(T)) == 0;
     } else {
         for (std::uint64_t i = 0; i < n; ++i)
-            if (!veltra::data::elementEquals(pa[i], pb[i])) return false;
+            if (!foundation::veltradata::detail::elementEquals(pa[i], pb[i])) return false;
         return true;
     }
 }
@@ -163,19 +163,19 @@ bool operator==(const Array& a, const Array& b) {
     if (x->type != y->type || x->dims != y->dims) return false;
     const ArrayType t = x->type;
     if (isRawBufferType(t)) {
-        return veltra::data::visitRawType(t, [&](auto tag) {
+        return foundation::veltradata::detail::visitRawType(t, [&](auto tag) {
             return rawEquals<decltype(tag)>(x->get<AlignedBuffer>(), y->get<AlignedBuffer>(), x->numel);
         });
     }
     if (isSparseType(t)) {
         const auto& s = x->get<SparseStorage>();
         const auto& u = y->get<SparseStorage>();
-        return veltra::data::visitRawType(sparseElementType(t), [&](auto tag) {
+        return foundation::veltradata::detail::visitRawType(sparseElementType(t), [&](auto tag) {
             using T = decltype(tag);
             const auto p = sparseEntries<T>(s, x->dims[0]);
             const auto q = sparseEntries<T>(u, y->dims[0]);
             return std::equal(p.begin(), p.end(), q.begin(), q.end(), [](const auto& a, const auto& b) {
-                return a.first == b.first && veltra::data::elementEquals(a.second, b.second);
+                return a.first == b.first && foundation::veltradata::detail::elementEquals(a.second, b.second);
             });
         });
     }
@@ -347,15 +347,15 @@ void ArrayElementRef::readRaw(ArrayType want, void* out, bool exact) const {
     if (exact && impl.type != want) mismatch("The element is not of the requested type.");
     const std::uint64_t i = linearIndex();
     const std::uint8_t* base = impl.get<AlignedBuffer>().data();
-    veltra::data::visitRawType(impl.type, [&](auto s) {
+    foundation::veltradata::detail::visitRawType(impl.type, [&](auto s) {
         using S = decltype(s);
         S v;
         // A logical byte is read as zero or not: loading any other byte value as a bool is undefined.
         if constexpr (std::is_same_v<S, bool>) v = base[i] != 0;
         else std::memcpy(&v, base + i * sizeof(S), sizeof(S));
-        veltra::data::visitRawType(want, [&](auto d) {
+        foundation::veltradata::detail::visitRawType(want, [&](auto d) {
             using D = decltype(d);
-            D r = veltra::data::convertElement<D>(v);
+            D r = foundation::veltradata::detail::convertElement<D>(v);
             std::memcpy(out, &r, sizeof(D));
         });
     });
@@ -368,13 +368,13 @@ void ArrayElementRef::writeRaw(ArrayType from, const void* in) {
     const std::uint64_t i = linearIndex();
     ArrayImpl& impl = owner_->mutableImpl();
     std::uint8_t* base = impl.get<AlignedBuffer>().data();
-    veltra::data::visitRawType(from, [&](auto s) {
+    foundation::veltradata::detail::visitRawType(from, [&](auto s) {
         using S = decltype(s);
         S v;
         std::memcpy(&v, in, sizeof(S));
-        veltra::data::visitRawType(t, [&](auto d) {
+        foundation::veltradata::detail::visitRawType(t, [&](auto d) {
             using D = decltype(d);
-            D r = veltra::data::convertElement<D>(v);
+            D r = foundation::veltradata::detail::convertElement<D>(v);
             std::memcpy(base + i * sizeof(D), &r, sizeof(D));
         });
     });
@@ -533,12 +533,24 @@ std::uint8_t* rawData(Array& a, bool forWrite) {
     return const_cast<std::uint8_t*>(a.impl().get<AlignedBuffer>().data());
 }
 
+}  // namespace detail
+
+const std::uint8_t* elementBytes(const Array& a) {
+    if (!isRawBufferType(a.getType())) mismatch("The array has no raw element buffer.");
+    return a.impl().get<AlignedBuffer>().data();
+}
+
 const Array* cellElements(const Array& a) {
-    checkViewKind(a, ArrayType::CELL);
+    detail::checkViewKind(a, ArrayType::CELL);
     return a.impl().get<std::vector<Array>>().data();
 }
 
-}  // namespace detail
+Array Array::adoptHandle(void* handle) noexcept { return Array(static_cast<ArrayImpl*>(handle)); }
+
+void* Array::shareHandle() const noexcept {
+    if (impl_) impl_->retain();
+    return impl_;
+}
 
 std::u16string CharArray::toUTF16() const {
     const char16_t* p = data();
@@ -605,7 +617,7 @@ std::string EnumArray::getClassName() const { return impl().get<EnumStorage>().c
 
 }  // namespace foundation::veltradata
 
-namespace veltra::data {
+namespace foundation::veltradata::detail {
 
 ArrayImpl* ArrayImpl::clone() const {
     Storage copy = std::visit(
@@ -623,4 +635,4 @@ ArrayImpl* ArrayImpl::clone() const {
     return new ArrayImpl(type, dims, numel, std::move(copy));
 }
 
-}  // namespace veltra::data
+}  // namespace foundation::veltradata::detail

@@ -15,7 +15,7 @@
 #include "errors.h"
 #include "identifiers.h"
 
-namespace veltra::data {
+namespace foundation::veltradata::detail {
 class ArrayImpl;
 }
 
@@ -33,7 +33,7 @@ class Array {
 public:
     Array() noexcept = default;
     // Adopts one hold on `impl` (an array implementation handle); the Array releases it when destroyed.
-    explicit Array(veltra::data::ArrayImpl* impl) noexcept : impl_(impl) {}
+    explicit Array(foundation::veltradata::detail::ArrayImpl* impl) noexcept : impl_(impl) {}
     Array(const Array& o) noexcept;
     Array(Array&& o) noexcept : impl_(std::exchange(o.impl_, nullptr)) {}
     Array& operator=(const Array& o) noexcept;
@@ -51,21 +51,36 @@ public:
     ArrayElementRef operator[](std::uint64_t index);
     ArrayElementRef operator[](std::uint64_t index) const;
 
+    // Array implementation handles, the form in which arrays pass between the two extension modules:
+    // adoptHandle takes over the one hold the sender gave with it; shareHandle gives the receiver a hold of
+    // its own (null for a default-constructed Array).
+    static Array adoptHandle(void* handle) noexcept;
+    void* shareHandle() const noexcept;
+
     // Internal: the implementation handle. getImpl() borrows it, releaseImpl() hands this Array's hold over.
-    veltra::data::ArrayImpl* getImpl() const noexcept { return impl_; }
-    veltra::data::ArrayImpl* releaseImpl() noexcept { return std::exchange(impl_, nullptr); }
+    foundation::veltradata::detail::ArrayImpl* getImpl() const noexcept { return impl_; }
+    foundation::veltradata::detail::ArrayImpl* releaseImpl() noexcept { return std::exchange(impl_, nullptr); }
     // Internal: the implementation, detached from other holders first so that it may be written.
-    veltra::data::ArrayImpl& mutableImpl();
-    const veltra::data::ArrayImpl& impl() const;
+    foundation::veltradata::detail::ArrayImpl& mutableImpl();
+    const foundation::veltradata::detail::ArrayImpl& impl() const;
 
 protected:
     void requireType(bool ok, const char* viewName) const;
-    veltra::data::ArrayImpl* impl_ = nullptr;
+    foundation::veltradata::detail::ArrayImpl* impl_ = nullptr;
 };
 
 bool operator==(const Array& a, const Array& b);
 inline bool operator!=(const Array& a, const Array& b) { return !(a == b); }
 bool isSparse(const Array& a);
+
+// ---- Elements where they lie, for fast read-only paths ----
+// Nothing is detached: a pointer stays valid while the caller's hold on `a` lasts and nothing writes to it.
+
+// The element bytes of a numeric, logical or char array in column-major order. Throws TypeMismatchException
+// for kinds without a raw element buffer.
+const std::uint8_t* elementBytes(const Array& a);
+// The elements of a cell array in column-major order. Throws TypeMismatchException for other kinds.
+const Array* cellElements(const Array& a);
 
 // ---- Element types of the typed views ----
 

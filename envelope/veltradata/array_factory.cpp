@@ -10,13 +10,13 @@
 
 namespace foundation::veltradata {
 
-using veltra::data::AlignedBuffer;
-using veltra::data::ArrayImpl;
-using veltra::data::EnumStorage;
-using veltra::data::ObjectStorage;
-using veltra::data::SparseStorage;
-using veltra::data::Storage;
-using veltra::data::StructStorage;
+using foundation::veltradata::detail::AlignedBuffer;
+using foundation::veltradata::detail::ArrayImpl;
+using foundation::veltradata::detail::EnumStorage;
+using foundation::veltradata::detail::ObjectStorage;
+using foundation::veltradata::detail::SparseStorage;
+using foundation::veltradata::detail::Storage;
+using foundation::veltradata::detail::StructStorage;
 
 std::uint64_t numberOfElements(const Dims& dims) {
     std::uint64_t n = 1;
@@ -46,7 +46,7 @@ template <typename T>
 std::vector<T> sizedVector(std::uint64_t n) {
     if (n > std::vector<T>().max_size() || n > std::numeric_limits<std::size_t>::max() / sizeof(T))
         throw std::bad_alloc();
-    veltra::data::checkAllocationSize(static_cast<std::size_t>(n) * sizeof(T));
+    foundation::veltradata::detail::checkAllocationSize(static_cast<std::size_t>(n) * sizeof(T));
     return std::vector<T>(static_cast<std::size_t>(n));
 }
 
@@ -177,7 +177,7 @@ ValueObjectArray ArrayFactory::createValueObjectArray(Dims dims, const ClassInfo
     // Every element gets its own copy of the property list: count that too before allocating.
     const std::size_t perObject = sizeof(ValueObject) + proto.getNumberOfProperties() * sizeof(Property);
     if (n > std::numeric_limits<std::size_t>::max() / perObject) throw std::bad_alloc();
-    veltra::data::checkAllocationSize(static_cast<std::size_t>(n) * perObject);
+    foundation::veltradata::detail::checkAllocationSize(static_cast<std::size_t>(n) * perObject);
     std::vector<ValueObject> objects = sizedVector<ValueObject>(n);
     std::fill(objects.begin(), objects.end(), proto);
     return ValueObjectArray(

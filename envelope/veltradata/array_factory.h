@@ -55,7 +55,7 @@ public:
 
     // ---- Internal operations, beyond the public contract ----
     // Takes ownership of a buffer already holding the elements (its size must match the dimensions).
-    Array adoptBuffer(ArrayType type, Dims dims, veltra::data::AlignedBuffer&& buffer);
+    Array adoptBuffer(ArrayType type, Dims dims, foundation::veltradata::detail::AlignedBuffer&& buffer);
     TypedArray<VeltraString> createStringArray(Dims dims, std::vector<VeltraString> elements);
     TypedArray<HandleObjectRef> createHandleArray(Dims dims, std::vector<HandleObjectRef> handles);
     EnumArray createEnumArray(Dims dims, const std::string& className, std::vector<EnumValue> values);

@@ -10,7 +10,7 @@
 #include <new>
 #include <utility>
 
-namespace veltra::data {
+namespace foundation::veltradata::detail {
 
 namespace {
 // Large blocks come straight from mmap: already zero, returned to the system on release, and eligible for
@@ -176,4 +176,4 @@ AlignedBuffer AlignedBuffer::clone() const {
     return b;
 }
 
-}  // namespace veltra::data
+}  // namespace foundation::veltradata::detail

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace veltra::data {
+namespace foundation::veltradata::detail {
 
 // Throws std::bad_alloc when `bytes` exceeds what this machine could ever back (physical memory plus swap).
 // Called before every allocation whose size comes from claimed dimensions: asking the allocator first is not
@@ -44,4 +44,4 @@ private:
     alignas(kAlignment) static std::uint8_t empty_[kAlignment];
 };
 
-}  // namespace veltra::data
+}  // namespace foundation::veltradata::detail

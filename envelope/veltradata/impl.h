@@ -12,7 +12,7 @@
 #include "array.h"
 #include "buffer.h"
 
-namespace veltra::data {
+namespace foundation::veltradata::detail {
 
 using foundation::veltradata::Array;
 using foundation::veltradata::ArrayType;
@@ -73,4 +73,4 @@ public:
     std::atomic<std::uint32_t> holds{1};
 };
 
-}  // namespace veltra::data
+}  // namespace foundation::veltradata::detail

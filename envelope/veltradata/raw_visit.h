@@ -11,7 +11,7 @@
 #include "array_type.h"
 #include "errors.h"
 
-namespace veltra::data {
+namespace foundation::veltradata::detail {
 
 template <typename T> struct IsComplex : std::false_type {};
 template <typename T> struct IsComplex<std::complex<T>> : std::true_type {};
@@ -99,4 +99,4 @@ bool elementEquals(const T& a, const T& b) {
     }
 }
 
-}  // namespace veltra::data
+}  // namespace foundation::veltradata::detail

@@ -138,9 +138,6 @@ public:
 namespace detail {
 void checkViewKind(const Array& a, ArrayType want);
 std::uint8_t* rawData(Array& a, bool forWrite);
-// Internal, cells only (checked as checkViewKind does): the elements in column-major order, for reading;
-// nothing is detached, so the pointer is valid while the caller's hold on `a` is and nothing writes to it.
-const Array* cellElements(const Array& a);
 }  // namespace detail
 
 template <typename T>

@@ -25,7 +25,7 @@ using array_model_test::sample;
 using array_model_test::thrownMessage;
 
 constexpr const char* kOutOfRange = "Array index is out of range.";
-constexpr const char* kUnknown = "Unknown DataType field in veltra::data::Array.";
+constexpr const char* kUnknown = "Unknown DataType field in foundation::veltradata::detail::Array.";
 
 // ---------------------------------------------------------------------------------------------------------
 // Typed views over every raw element type.
@@ -158,7 +158,7 @@ TEST(ArrayModelValueSemantics, DefaultArrayIsEmptyAndCopiesShareAndMovesTransfer
 
     ClientArrayFactory f;
     Array a = f.createScalar(1.5);
-    veltra::data::ArrayImpl* impl = a.getImpl();
+    foundation::veltradata::detail::ArrayImpl* impl = a.getImpl();
     EXPECT_EQ(impl->holds.load(), 1u);
     {
         Array b = a;
@@ -190,11 +190,11 @@ TEST(ArrayModelValueSemantics, DefaultArrayIsEmptyAndCopiesShareAndMovesTransfer
 TEST(ArrayModelValueSemantics, ImplementationHandleCanBeHandedOverAndAdopted) {
     ClientArrayFactory f;
     Array a = f.createScalar(3.0);
-    veltra::data::ArrayImpl* h = a.getImpl();
+    foundation::veltradata::detail::ArrayImpl* h = a.getImpl();
     h->retain();  // the receiver's own hold, as the handle's first operation gives it
     Array received(h);
     EXPECT_EQ(h->holds.load(), 2u);
-    veltra::data::ArrayImpl* released = a.releaseImpl();
+    foundation::veltradata::detail::ArrayImpl* released = a.releaseImpl();
     EXPECT_EQ(released, h);
     EXPECT_EQ(a.getImpl(), nullptr);
     Array readopted(released);
@@ -468,9 +468,9 @@ TEST(ArrayModelDims, HugeButRepresentableRequestsAreRefusedNotCrashing) {
     EXPECT_TRUE(refusedCleanly([&] {
         f.createValueObjectArray(huge, f.createClassInfo(VeltraClassIdentifier("c"), {}, {}), true);
     }));
-    EXPECT_TRUE(refusedCleanly([&] { veltra::data::AlignedBuffer b(std::size_t{1} << 50); }));
-    EXPECT_THROW(veltra::data::checkAllocationSize(std::numeric_limits<std::size_t>::max()), std::bad_alloc);
-    EXPECT_NO_THROW(veltra::data::checkAllocationSize(4096));
+    EXPECT_TRUE(refusedCleanly([&] { foundation::veltradata::detail::AlignedBuffer b(std::size_t{1} << 50); }));
+    EXPECT_THROW(foundation::veltradata::detail::checkAllocationSize(std::numeric_limits<std::size_t>::max()), std::bad_alloc);
+    EXPECT_NO_THROW(foundation::veltradata::detail::checkAllocationSize(4096));
     // Neither element storage nor declared properties exist for a struct without fields or a sparse array,
     // so their (huge) shapes are fine.
     EXPECT_EQ(f.createStructArray(huge, {}).getNumberOfElements(), std::uint64_t{1} << 40);

@@ -305,7 +305,7 @@ TEST(WireFields, ValueObjectsKeepClassInfoExternalDimsAndUniformFlag) {
     const ValueObjectArray b = decode(encode(v));
     EXPECT_EQ(b.getClassInfo(), info);
     EXPECT_EQ(b.getExternalDimensions(), (Dims{10, 4}));
-    EXPECT_FALSE(b.impl().get<veltra::data::ObjectStorage>().uniform);
+    EXPECT_FALSE(b.impl().get<foundation::veltradata::detail::ObjectStorage>().uniform);
     const ValueObject second = b[1];
     EXPECT_EQ(second.getClassInfo().getClassIdentifier().getClassName(), "other");
     EXPECT_EQ(second.getClassInfo().getFirstProperties(), (std::vector<VeltraPropertyIdentifier>{VeltraPropertyIdentifier("p")}));
@@ -385,8 +385,8 @@ TEST(WireLenient, SparseLogicalValuesAreNormalisedToOne) {
     Msg m;
     m.varint(1, 31).packed(2, {2, 2}).bytes(3, "\x05\xff").packed(15, {0, 1}).packed(16, {0, 1});
     const Array b = decode(m.b);
-    EXPECT_EQ(b.impl().get<veltra::data::SparseStorage>().values.data()[0], 1);
-    EXPECT_EQ(b.impl().get<veltra::data::SparseStorage>().values.data()[1], 1);
+    EXPECT_EQ(b.impl().get<foundation::veltradata::detail::SparseStorage>().values.data()[0], 1);
+    EXPECT_EQ(b.impl().get<foundation::veltradata::detail::SparseStorage>().values.data()[1], 1);
 }
 
 TEST(WireLenient, MissingDimsMeanZeroByZero) {

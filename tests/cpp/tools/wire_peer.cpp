@@ -23,12 +23,12 @@
 
 using namespace foundation::veltradata;
 namespace pc = foundation::protobuf::common;
-using veltra::data::AlignedBuffer;
-using veltra::data::ArrayImpl;
-using veltra::data::EnumStorage;
-using veltra::data::ObjectStorage;
-using veltra::data::SparseStorage;
-using veltra::data::StructStorage;
+using foundation::veltradata::detail::AlignedBuffer;
+using foundation::veltradata::detail::ArrayImpl;
+using foundation::veltradata::detail::EnumStorage;
+using foundation::veltradata::detail::ObjectStorage;
+using foundation::veltradata::detail::SparseStorage;
+using foundation::veltradata::detail::StructStorage;
 
 namespace {
 
@@ -47,7 +47,7 @@ R realValue(std::size_t i) {
 Array numeric(ArrayType t, Dims dims) {
     ClientArrayFactory f;
     const std::uint64_t n = numberOfElements(normalizeDims(dims));
-    return veltra::data::visitRawType(t, [&](auto tag) -> Array {
+    return foundation::veltradata::detail::visitRawType(t, [&](auto tag) -> Array {
         using T = decltype(tag);
         std::vector<std::uint8_t> bytes(n * sizeof(T));  // not vector<T>: vector<bool> has no data()
         for (std::size_t i = 0; i < n; ++i) {
@@ -56,7 +56,7 @@ Array numeric(ArrayType t, Dims dims) {
                 v = i % 2 == 1;
             } else if constexpr (std::is_same_v<T, char16_t>) {
                 v = static_cast<char16_t>(u'a' + i);
-            } else if constexpr (veltra::data::IsComplex<T>::value) {
+            } else if constexpr (foundation::veltradata::detail::IsComplex<T>::value) {
                 using R = typename T::value_type;
                 v = T(realValue<R>(i), static_cast<R>(realValue<R>(i) * 2));
             } else {

@@ -1,0 +1,92 @@
+#include "convert/converter.h"
+
+#include <cxxabi.h>
+
+#include <cstdlib>
+#include <exception>
+#include <typeinfo>
+
+#include "pyutil/messages.h"
+#include "pyutil/type_name.h"
+
+namespace PythonVeltraDataArray::detail {
+
+namespace {
+
+// "PyFloatToDouble": the converter's class name without its namespaces, for internal-error messages.
+std::string className(const std::type_info& type) {
+    int status = 0;
+    char* demangled = abi::__cxa_demangle(type.name(), nullptr, nullptr, &status);
+    std::string name = status == 0 && demangled ? demangled : type.name();
+    std::free(demangled);
+    const std::size_t template_ = name.find('<');
+    const std::size_t colons = name.rfind("::", template_);
+    return colons == std::string::npos ? name : name.substr(colons + 2);
+}
+
+// A converter that reported failure without saying why is a bug of ours; say which one it was.
+pyutil::Failure failSilent(const std::type_info& converter) {
+    return fail(PyExc_RuntimeError, "internal error: the converter " + className(converter) +
+                                        " failed without setting a Python exception");
+}
+
+// The C++ exception being handled as the Python error the module functions give for it. Call only in a
+// catch block.
+pyutil::Failure failFromException() noexcept {
+    try {
+        throw;
+    } catch (const pyutil::PyErrorSet&) {
+        return failed();  // the thrower set it
+    } catch (const std::exception& e) {
+        return fail(PyExc_ValueError, e.what());
+    } catch (...) {
+        return fail(PyExc_ValueError, "Unknown exception");
+    }
+}
+
+}  // namespace
+
+std::optional<Array> ToArrayConverter::convert(PyObject* obj, const ConversionState& state) {
+    if (!obj) return fail(PyExc_RuntimeError, pyutil::kNullObject);
+    std::optional<Array> result;
+    try {
+        result = doConvert(obj, state);
+    } catch (...) {
+        failFromException();
+        result.reset();
+    }
+    if (!result) {
+        if (!PyErr_Occurred()) return failSilent(typeid(*this));
+        return failed();
+    }
+    // A value with an error pending: the error is the outcome (an int beyond 64 bits, a failing truth test).
+    if (PyErr_Occurred()) return failed();
+    if (result->getType() == ArrayType::UNKNOWN) return failUnsupportedType(obj);
+    return result;
+}
+
+PyObject* ToPythonConverter::convert(const Array& a) {
+    Ref result;
+    try {
+        result = Ref::steal(doConvert(a));
+    } catch (...) {
+        failFromException();
+        result.reset();
+    }
+    if (!result) {
+        if (!PyErr_Occurred()) return failSilent(typeid(*this));
+        return failed();
+    }
+    if (PyErr_Occurred()) return failed();
+    return result.release();
+}
+
+std::string unsupportedTypeText(const std::string& name) {
+    return "conversion of Python data type '" + name + "' to VELTRA not supported";
+}
+
+pyutil::Failure failUnsupportedType(PyObject* obj) {
+    return fail(PyExc_TypeError, unsupportedTypeText(pyutil::typeName(obj)));
+}
+
+}  // namespace PythonVeltraDataArray::detail

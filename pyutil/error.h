@@ -1,0 +1,97 @@
+// Reporting failure. A failing function sets exactly one Python exception and returns "nothing": a null
+// object, an empty optional, false. Two spellings, one meaning:
+//
+//   return fail(PyExc_TypeError, text);   where the caller takes a return value (converters, module code);
+//   return failed();                      when a C API call has already set the error;
+//   raise(PyExc_TypeError, text);         from deep inside C++ code, which throws PyErrorSet; the boundary
+//                                         that catches it (a converter's base, a slot wrapper) returns
+//                                         failure with the error as it was set.
+#pragma once
+
+#include <Python.h>
+
+#include <optional>
+#include <string>
+
+#include "pyutil/ref.h"
+
+namespace PythonVeltraDataArray::pyutil {
+
+// What fail() and failed() return: converts to every failure result.
+struct Failure {
+    operator PyObject*() const noexcept { return nullptr; }  // NOLINT: that is the point
+    template <typename T>
+    operator std::optional<T>() const noexcept {  // NOLINT
+        return std::nullopt;
+    }
+    operator bool() const noexcept { return false; }  // NOLINT
+};
+
+inline Failure fail(PyObject* type, const char* text) noexcept {
+    PyErr_SetString(type, text);
+    return {};
+}
+inline Failure fail(PyObject* type, const std::string& text) noexcept { return fail(type, text.c_str()); }
+inline Failure failed() noexcept { return {}; }
+
+// Thrown after a Python error has been set.
+struct PyErrorSet {};
+
+[[noreturn]] inline void raise(PyObject* type, const std::string& text) {
+    PyErr_SetString(type, text.c_str());
+    throw PyErrorSet{};
+}
+
+// Takes over a new reference; a null one means the callee set an error, and throws PyErrorSet.
+inline Ref check(PyObject* o) {
+    if (!o) throw PyErrorSet{};
+    return Ref::steal(o);
+}
+
+// Keeps the pending error (if any) aside while other Python code runs, and puts it back at the end of the
+// scope; whatever that code raised in between is dropped.
+class ErrorAside {
+public:
+    ErrorAside() noexcept { PyErr_Fetch(type_.out(), value_.out(), traceback_.out()); }
+    ~ErrorAside() {
+        PyErr_Clear();
+        PyErr_Restore(type_.release(), value_.release(), traceback_.release());
+    }
+    ErrorAside(const ErrorAside&) = delete;
+    ErrorAside& operator=(const ErrorAside&) = delete;
+
+private:
+    Ref type_, value_, traceback_;
+};
+
+// Takes the pending exception out of the indicator as an exception object carrying its traceback (null when
+// none is pending).
+inline Ref fetchNormalized() noexcept {
+    PyObject *type = nullptr, *value = nullptr, *traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    if (!type) return Ref();
+    PyErr_NormalizeException(&type, &value, &traceback);
+    Ref t = Ref::steal(type), v = Ref::steal(value), tb = Ref::steal(traceback);
+    if (v && tb) PyException_SetTraceback(v.get(), tb.get());
+    return v;
+}
+
+// Replaces the pending error with type(text), keeping the replaced one as its __cause__ so that the lower
+// reason stays visible in the traceback. With `appendCauseText`, str(cause) is added to the text.
+inline void replaceError(PyObject* type, std::string text, bool appendCauseText = false) {
+    Ref cause = fetchNormalized();
+    if (appendCauseText) {
+        Ref str = cause ? Ref::steal(PyObject_Str(cause.get())) : Ref();
+        const char* c = str ? PyUnicode_AsUTF8AndSize(str.get(), nullptr) : nullptr;
+        text += c ? c : "unknown error";
+        PyErr_Clear();
+    }
+    PyErr_SetString(type, text.c_str());
+    if (!cause) return;
+    Ref value = fetchNormalized();
+    PyException_SetCause(value.get(), cause.release());  // steals the cause
+    PyObject* valueType = reinterpret_cast<PyObject*>(Py_TYPE(value.get()));
+    PyErr_Restore(Py_NewRef(valueType), value.release(), nullptr);
+}
+
+}  // namespace PythonVeltraDataArray::pyutil
