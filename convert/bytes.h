@@ -5,20 +5,8 @@
 
 namespace PythonVeltraDataArray::detail {
 
-class PyBytesToUint8 final : public ToArrayConverter {
-public:
-    using ToArrayConverter::ToArrayConverter;
+VELTRA_TO_ARRAY_CONVERTER(PyBytesToUint8);
 
-protected:
-    std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override;
-};
-
-class PyByteArrayToUint8 final : public ToArrayConverter {
-public:
-    using ToArrayConverter::ToArrayConverter;
-
-protected:
-    std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override;
-};
+VELTRA_TO_ARRAY_CONVERTER(PyByteArrayToUint8);
 
 }  // namespace PythonVeltraDataArray::detail

@@ -26,9 +26,22 @@ constexpr char kDictChanged[] = "dict changed size during conversion to VELTRA";
 constexpr char kCellShape[] = "cell arrays returned from VELTRA must be 1-by-N or M-by-1";
 constexpr char kStructNotScalar[] = "only a scalar struct can be returned from VELTRA";
 
-Array cellRow(ArrayFactory& f, std::vector<Array>&& elements) {
-    const std::uint64_t n = elements.size();
-    return std::move(f.createCellArray({1, n}, std::move(elements)));
+// A 1-by-n cell of the conversions of n items; `item(i)` gives item i as a new reference, or null with an error
+// set. The recursion guard is the caller's.
+template <typename Item>
+std::optional<Array> cellOf(ArrayFactory& f, Py_ssize_t n, const ConversionState& state, Item&& item) {
+    if (n < 0) return failed();
+    const ConversionState inner = state.forElement();
+    std::vector<Array> elements;
+    elements.reserve(static_cast<std::size_t>(n));
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        const Ref value = item(i);
+        if (!value) return failed();
+        std::optional<Array> element = convertToArray(value.get(), inner);
+        if (!element) return failed();
+        elements.push_back(std::move(*element));
+    }
+    return std::move(f.createCellArray({1, static_cast<std::uint64_t>(n)}, std::move(elements)));
 }
 
 }  // namespace
@@ -36,38 +49,19 @@ Array cellRow(ArrayFactory& f, std::vector<Array>&& elements) {
 std::optional<Array> PyListToCell::doConvert(PyObject* obj, const ConversionState& state) {
     RecursionGuard guard(kIntoVeltra);
     if (!guard) return failed();
-    const Py_ssize_t n = PyList_Size(obj);
-    if (n < 0) return failed();
-    const ConversionState inner = state.forElement();
-    std::vector<Array> elements;
-    elements.reserve(static_cast<std::size_t>(n));
-    for (Py_ssize_t i = 0; i < n; ++i) {
+    return cellOf(factory(), PyList_Size(obj), state, [obj](Py_ssize_t i) {
         // An element's conversion can run Python code that shrinks the list: then this raises IndexError.
         PyObject* item = PyList_GetItem(obj, i);
-        if (!item) return failed();
-        if (item == obj) return fail(PyExc_ValueError, kRecursiveList);
-        const Ref hold = Ref::borrow(item);
-        std::optional<Array> element = convertToArray(item, inner);
-        if (!element) return failed();
-        elements.push_back(std::move(*element));
-    }
-    return cellRow(factory(), std::move(elements));
+        if (item != obj) return Ref::borrow(item);
+        fail(PyExc_ValueError, kRecursiveList);
+        return Ref();
+    });
 }
 
 std::optional<Array> PyTupleToCell::doConvert(PyObject* obj, const ConversionState& state) {
     RecursionGuard guard(kIntoVeltra);
     if (!guard) return failed();
-    const Py_ssize_t n = PyTuple_Size(obj);
-    if (n < 0) return failed();
-    const ConversionState inner = state.forElement();
-    std::vector<Array> elements;
-    elements.reserve(static_cast<std::size_t>(n));
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        std::optional<Array> element = convertToArray(PyTuple_GetItem(obj, i), inner);
-        if (!element) return failed();
-        elements.push_back(std::move(*element));
-    }
-    return cellRow(factory(), std::move(elements));
+    return cellOf(factory(), PyTuple_Size(obj), state, [obj](Py_ssize_t i) { return Ref::borrow(PyTuple_GetItem(obj, i)); });
 }
 
 std::optional<Array> PySetToCell::doConvert(PyObject* obj, const ConversionState& state) {
@@ -77,17 +71,7 @@ std::optional<Array> PySetToCell::doConvert(PyObject* obj, const ConversionState
     if (n < 0) return failed();
     const Ref copy = Ref::steal(PySet_New(obj));
     if (!copy) return failed();
-    const ConversionState inner = state.forElement();
-    std::vector<Array> elements;
-    elements.reserve(static_cast<std::size_t>(n));
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        const Ref item = Ref::steal(PySet_Pop(copy.get()));
-        if (!item) return failed();
-        std::optional<Array> element = convertToArray(item.get(), inner);
-        if (!element) return failed();
-        elements.push_back(std::move(*element));
-    }
-    return cellRow(factory(), std::move(elements));
+    return cellOf(factory(), n, state, [&copy](Py_ssize_t) { return Ref::steal(PySet_Pop(copy.get())); });
 }
 
 std::optional<Array> PyDictToStruct::doConvert(PyObject* obj, const ConversionState& state) {

@@ -44,6 +44,16 @@ pyutil::Failure failFromException() noexcept {
     }
 }
 
+// Holds a converter's outcome to the convention. False: report failure (with exactly one error set).
+bool settled(bool produced, const std::type_info& converter) {
+    if (!produced) {
+        if (!PyErr_Occurred()) failSilent(converter);
+        return false;
+    }
+    // A value with an error pending: the error is the outcome (an int beyond 64 bits, a failing truth test).
+    return !PyErr_Occurred();
+}
+
 }  // namespace
 
 std::optional<Array> ToArrayConverter::convert(PyObject* obj, const ConversionState& state) {
@@ -55,12 +65,7 @@ std::optional<Array> ToArrayConverter::convert(PyObject* obj, const ConversionSt
         failFromException();
         result.reset();
     }
-    if (!result) {
-        if (!PyErr_Occurred()) return failSilent(typeid(*this));
-        return failed();
-    }
-    // A value with an error pending: the error is the outcome (an int beyond 64 bits, a failing truth test).
-    if (PyErr_Occurred()) return failed();
+    if (!settled(result.has_value(), typeid(*this))) return failed();
     if (result->getType() == ArrayType::UNKNOWN) return failUnsupportedType(obj);
     return result;
 }
@@ -71,13 +76,8 @@ PyObject* ToPythonConverter::convert(const Array& a) {
         result = Ref::steal(doConvert(a));
     } catch (...) {
         failFromException();
-        result.reset();
     }
-    if (!result) {
-        if (!PyErr_Occurred()) return failSilent(typeid(*this));
-        return failed();
-    }
-    if (PyErr_Occurred()) return failed();
+    if (!settled(bool(result), typeid(*this))) return failed();
     return result.release();
 }
 

@@ -94,6 +94,25 @@ private:
     std::shared_ptr<ArrayFactory> factory_;
 };
 
+// Declares a converter class that implements doConvert and nothing else, as most do:
+//   VELTRA_TO_ARRAY_CONVERTER(PyFloatToDouble);   VELTRA_TO_PYTHON_CONVERTER(CharToPyStr);
+#define VELTRA_TO_ARRAY_CONVERTER(Name)                                                      \
+    class Name final : public ToArrayConverter {                                             \
+    public:                                                                                  \
+        using ToArrayConverter::ToArrayConverter;                                            \
+                                                                                             \
+    protected:                                                                               \
+        std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override; \
+    }
+#define VELTRA_TO_PYTHON_CONVERTER(Name)                       \
+    class Name final : public ToPythonConverter {              \
+    public:                                                    \
+        using ToPythonConverter::ToPythonConverter;            \
+                                                               \
+    protected:                                                 \
+        PyObject* doConvert(const Array& a) override;          \
+    }
+
 // "conversion of Python data type '" + name + "' to VELTRA not supported"
 std::string unsupportedTypeText(const std::string& name);
 // TypeError with unsupportedTypeText for the name of obj's type.

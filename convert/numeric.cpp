@@ -35,9 +35,9 @@ std::optional<Array> convertNumpyTimeKind(char kind) {
                                              : "conversion of numpy timedelta64 arrays to VELTRA not supported yet");
 }
 
-}  // namespace
-
-std::optional<Array> ConvertVCPyArray::fromCapsule(PyObject* obj, ArrayType type) {
+// Capsule entry 1 on (obj, obj, type): the package's own array for a package object, or one column-major copy
+// for a buffer handle.
+std::optional<Array> fromCapsule(PyObject* obj, ArrayType type) {
     const VeltraArrayCapi* capi = capsule();
     if (!capi) return fail(PyExc_TypeError, pyutil::kCapsuleIsNull);
     void* handle = capi->get_array(obj, obj, static_cast<uint32_t>(type));
@@ -48,7 +48,8 @@ std::optional<Array> ConvertVCPyArray::fromCapsule(PyObject* obj, ArrayType type
     return Array::adoptHandle(handle);
 }
 
-std::optional<Array> ConvertVCPyArray::fromBuffer(PyObject* obj) {
+// Entries 2, 1, 3: acquire the buffer, copy it, release the buffer handle on every path.
+std::optional<Array> fromBuffer(PyObject* obj) {
     const VeltraArrayCapi* capi = capsule();
     if (!capi) return fail(PyExc_TypeError, pyutil::kCapsuleIsNull);
     uint32_t type = 0;
@@ -57,6 +58,8 @@ std::optional<Array> ConvertVCPyArray::fromBuffer(PyObject* obj) {
     BufferHandle handle(capi, raw);
     return fromCapsule(handle.get(), static_cast<ArrayType>(type));
 }
+
+}  // namespace
 
 template <ArrayType Kind>
 std::optional<Array> VCPyTypedToTyped<Kind>::doConvert(PyObject* obj, const ConversionState&) {

@@ -7,64 +7,28 @@
 namespace PythonVeltraDataArray::detail {
 
 // float (anything PyFloat_AsDouble takes) -> 1-by-1 DOUBLE.
-class PyFloatToDouble final : public ToArrayConverter {
-public:
-    using ToArrayConverter::ToArrayConverter;
-
-protected:
-    std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override;
-};
+VELTRA_TO_ARRAY_CONVERTER(PyFloatToDouble);
 
 // complex (anything PyComplex_RealAsDouble takes) -> 1-by-1 COMPLEX_DOUBLE.
-class PyComplexToDouble final : public ToArrayConverter {
-public:
-    using ToArrayConverter::ToArrayConverter;
-
-protected:
-    std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override;
-};
+VELTRA_TO_ARRAY_CONVERTER(PyComplexToDouble);
 
 // int -> 1-by-1 INT64; OverflowError beyond 64 bits.
-class PyIntToInt64 final : public ToArrayConverter {
-public:
-    using ToArrayConverter::ToArrayConverter;
-
-protected:
-    std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override;
-};
+VELTRA_TO_ARRAY_CONVERTER(PyIntToInt64);
 
 // Any object, by truth value -> 1-by-1 LOGICAL; a failing truth test's error is passed on.
-class PyBoolToLogical final : public ToArrayConverter {
-public:
-    using ToArrayConverter::ToArrayConverter;
-
-protected:
-    std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override;
-};
+VELTRA_TO_ARRAY_CONVERTER(PyBoolToLogical);
 
 // Element 0 of a real or complex array of the numeric kind `Kind` (or its complex kind): int or float for
 // the real kind, complex for the complex one (so a complex integer array gives a complex, never an int).
 // ValueError "array is empty". Named per kind in numeric_kinds.h (DoubleToPyFloat, Int8ToPyLong, ...).
 template <ArrayType Kind>
-class NumericToPyScalar final : public ToPythonConverter {
-public:
-    using ToPythonConverter::ToPythonConverter;
-
-protected:
-    PyObject* doConvert(const Array& a) override;
-};
+VELTRA_TO_PYTHON_CONVERTER(NumericToPyScalar);
 
 #define VELTRA_DECLARE(KIND, T, NAME, TO_PYTHON) extern template class NumericToPyScalar<ArrayType::KIND>;
 VELTRA_NUMERIC_KINDS(VELTRA_DECLARE)
 #undef VELTRA_DECLARE
 
 // Element 0 of a logical array as bool. TypeError for sparse arrays, ValueError "array is empty".
-class LogicalToPyBool final : public ToPythonConverter {
-public:
-    using ToPythonConverter::ToPythonConverter;
-
-protected:
-    PyObject* doConvert(const Array& a) override;
-};
+VELTRA_TO_PYTHON_CONVERTER(LogicalToPyBool);
 
 }  // namespace PythonVeltraDataArray::detail

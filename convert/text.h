@@ -8,47 +8,23 @@
 
 namespace PythonVeltraDataArray::detail {
 
-// The UTF-16 code units of a str, without the byte-order mark. Nothing for a null object, and nothing with
-// the codec's error pending for text UTF-16 cannot carry (a lone surrogate).
+// The UTF-16 code units of a str, without the byte-order mark; nothing, with the codec's error
+// pending, for text UTF-16 cannot carry (a lone surrogate).
 std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj);
 
 // str -> 1-by-N CHAR array, or a 1-by-1 VELTRA_STRING array when state.allowString and state.notNested are
 // both set. Absent with the codec's error pending for a lone surrogate.
-class PyStrToCharOrString final : public ToArrayConverter {
-public:
-    using ToArrayConverter::ToArrayConverter;
-
-protected:
-    std::optional<Array> doConvert(PyObject* obj, const ConversionState& state) override;
-};
+VELTRA_TO_ARRAY_CONVERTER(PyStrToCharOrString);
 
 // CHAR array (1-by-N, M-by-1, or empty 2-D) -> str in linear order. ValueError for other shapes; the codec's
 // error for an unpaired surrogate.
-class CharToPyStr final : public ToPythonConverter {
-public:
-    using ToPythonConverter::ToPythonConverter;
-
-protected:
-    PyObject* doConvert(const Array& a) override;
-};
+VELTRA_TO_PYTHON_CONVERTER(CharToPyStr);
 
 // Element 0 of a VELTRA_STRING array -> str, or None when the element is missing.
-class VLStringToPyStr final : public ToPythonConverter {
-public:
-    using ToPythonConverter::ToPythonConverter;
-
-protected:
-    PyObject* doConvert(const Array& a) override;
-};
+VELTRA_TO_PYTHON_CONVERTER(VLStringToPyStr);
 
 // VELTRA_STRING array (1-by-N, M-by-1, or empty 2-D) -> list of str / None.
-class VLStringToPyList final : public ToPythonConverter {
-public:
-    using ToPythonConverter::ToPythonConverter;
-
-protected:
-    PyObject* doConvert(const Array& a) override;
-};
+VELTRA_TO_PYTHON_CONVERTER(VLStringToPyList);
 
 // Shared by the text and the container converters: at most two dimensions, and not both more than one row
 // and more than one column. 1-by-N, M-by-1, 1-by-1, 0-by-0 and 0-by-N pass; 2-by-2 and every N-D array fail.

@@ -19,12 +19,7 @@
 
 namespace foundation::veltradata::protobuf {
 
-using foundation::veltradata::detail::AlignedBuffer;
-using foundation::veltradata::detail::ArrayImpl;
-using foundation::veltradata::detail::EnumStorage;
-using foundation::veltradata::detail::ObjectStorage;
-using foundation::veltradata::detail::SparseStorage;
-using foundation::veltradata::detail::StructStorage;
+using namespace foundation::veltradata::detail;  // the storage behind Array
 using wire::Reader;
 using wire::Span;
 using wire::WireType;

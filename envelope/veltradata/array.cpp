@@ -12,12 +12,7 @@
 
 namespace foundation::veltradata {
 
-using foundation::veltradata::detail::AlignedBuffer;
-using foundation::veltradata::detail::ArrayImpl;
-using foundation::veltradata::detail::EnumStorage;
-using foundation::veltradata::detail::ObjectStorage;
-using foundation::veltradata::detail::SparseStorage;
-using foundation::veltradata::detail::StructStorage;
+using namespace detail;  // the storage behind Array
 
 namespace {
 const Dims kEmptyDims{0, 0};

@@ -10,13 +10,7 @@
 
 namespace foundation::veltradata {
 
-using foundation::veltradata::detail::AlignedBuffer;
-using foundation::veltradata::detail::ArrayImpl;
-using foundation::veltradata::detail::EnumStorage;
-using foundation::veltradata::detail::ObjectStorage;
-using foundation::veltradata::detail::SparseStorage;
-using foundation::veltradata::detail::Storage;
-using foundation::veltradata::detail::StructStorage;
+using namespace detail;  // the storage behind Array
 
 std::uint64_t numberOfElements(const Dims& dims) {
     std::uint64_t n = 1;

@@ -23,12 +23,7 @@
 
 using namespace foundation::veltradata;
 namespace pc = foundation::protobuf::common;
-using foundation::veltradata::detail::AlignedBuffer;
-using foundation::veltradata::detail::ArrayImpl;
-using foundation::veltradata::detail::EnumStorage;
-using foundation::veltradata::detail::ObjectStorage;
-using foundation::veltradata::detail::SparseStorage;
-using foundation::veltradata::detail::StructStorage;
+using namespace foundation::veltradata::detail;
 
 namespace {
 
