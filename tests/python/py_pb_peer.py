@@ -9,11 +9,8 @@ import py_pb
 from veltra.loopback import loopback
 from veltra.wire import messages
 
-UNKNOWN, LOGICAL, CHAR, STRING, DOUBLE, SINGLE = 0, 1, 2, 3, 4, 5
-INT8, UINT8, INT16, UINT16, INT32, UINT32, INT64, UINT64 = range(6, 14)
-COMPLEX_DOUBLE, COMPLEX_SINGLE = 14, 15
-CELL, STRUCT, CLASSIC_OBJECT, VALUE_OBJECT, HANDLE, ENUM = 24, 25, 26, 27, 28, 29
-SPARSE_DOUBLE, SPARSE_LOGICAL, SPARSE_COMPLEX = 30, 31, 32
+from conftest import (CELL, CHAR, DOUBLE, INT8, INT16, INT32, INT64, LOGICAL, SINGLE, STRING, STRUCT, UINT8, UINT16,
+                      UINT32, UINT64)
 
 # Element dtype of each raw kind (complex kinds by their real part).
 REAL_DTYPE = {

@@ -9,16 +9,9 @@ import numpy as np
 import pytest
 
 import veltramultidimarrayforpython as vpkg
+from conftest import rss_kib
 
 BIG = np.arange(50_000, dtype=np.float64).reshape(250, 200)  # 400 kB: leaking it shows in RSS at once
-
-
-def rss_kib():
-    with open("/proc/self/status") as f:
-        for line in f:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    raise RuntimeError("no VmRSS")
 
 
 def expect(exc, fn, *args, **kwargs):

@@ -5,7 +5,8 @@ import pytest
 
 import py_pb
 import veltramultidimarrayforpython as vpkg
-from py_pb_peer import CELL, UINT8, roundtrip, sent
+from conftest import CELL, UINT8
+from py_pb_peer import roundtrip, sent
 
 
 @pytest.mark.parametrize("make", [bytes, bytearray])

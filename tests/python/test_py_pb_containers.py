@@ -5,8 +5,8 @@ import pytest
 
 import py_pb
 import veltramultidimarrayforpython as vpkg
-from py_pb_peer import (CELL, CHAR, DOUBLE, INT64, STRUCT, array as pb_array, cell, char, numeric, read_one,
-                        roundtrip, sent, strings, struct)
+from conftest import CELL, CHAR, DOUBLE, INT64, STRUCT
+from py_pb_peer import array as pb_array, cell, char, numeric, read_one, roundtrip, sent, strings, struct
 
 RECURSIVE_LIST = "passing recursive list to VELTRA not supported"
 RECURSIVE_DICT = "passing recursive dict to VELTRA not supported"

@@ -4,9 +4,6 @@ fallbacks), arrays by kind and element count; and every refusal on the way."""
 import array
 import collections
 import datetime
-import subprocess
-import sys
-import textwrap
 
 import numpy as np
 import pandas as pd
@@ -14,9 +11,9 @@ import pytest
 
 import py_pb
 import veltramultidimarrayforpython as vpkg
-from py_pb_peer import (CELL, DOUBLE, ENUM, HANDLE, LOGICAL, SPARSE_COMPLEX, SPARSE_DOUBLE, SPARSE_LOGICAL, STRUCT,
-                        UINT8, VALUE_OBJECT, array as pb_array, cell, numeric, read_one, roundtrip, sent,
-                        struct)
+from conftest import (CELL, DOUBLE, ENUM, HANDLE, LOGICAL, SPARSE_COMPLEX, SPARSE_DOUBLE, SPARSE_LOGICAL, STRUCT,
+                      UINT8, VALUE_OBJECT, named, run_python)
+from py_pb_peer import array as pb_array, cell, numeric, read_one, roundtrip, sent, struct
 from veltra.wire import messages
 
 NONE = "passing 'None' to VELTRA not supported"
@@ -33,13 +30,6 @@ def refusal(value):
     with pytest.raises(Exception) as e:
         py_pb.py_to_serialized_str((value,))
     return type(e.value), str(e.value)
-
-
-def named(module, name, **body):
-    """A Python class with the given __module__ and __name__ (heap type: its tp_name is the __name__)."""
-    cls = type(name, (), dict(body))
-    cls.__module__ = module
-    return cls
 
 
 # ---------------------------------------------------------------------------------------------------------
@@ -95,7 +85,7 @@ def test_unregistered_types_are_refused_by_name(value, name):
 
 
 def test_a_class_defined_in_the_main_script():
-    code = textwrap.dedent(
+    out = run_python(
         """
         import py_pb
         class MyInt(int):
@@ -106,8 +96,7 @@ def test_a_class_defined_in_the_main_script():
             print(e)
         """
     )
-    out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
-    assert out.stdout == unsupported("__main__.MyInt") + "\n", out.stderr
+    assert out == unsupported("__main__.MyInt") + "\n"
 
 
 # Types whose converters come with later work: refused by their registered name, never converted by a

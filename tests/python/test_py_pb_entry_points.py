@@ -1,24 +1,15 @@
 """The module py_pb itself: its definition, initialisation, the two functions' arguments and keywords."""
 
-import subprocess
-import sys
-import textwrap
-
 import pytest
 
 import py_pb
-from py_pb_peer import CHAR, DOUBLE, INT64, decode, numeric, params, result
+from conftest import CHAR, DOUBLE, INT64, run_python
+from py_pb_peer import decode, numeric, params, result
 
 ONE_POSITIONAL = "py_to_serialized_str requires exactly one positional argument"
 NOT_A_NUMBER = "Keyword argument 'nargout' was not a string corresponding to a number as expected"
 NOT_STR_OR_INT = "Value of keyword argument 'nargout' was not a string or int as expected"
 SCHEMA_NOT_STR = "Value of keyword argument 'schema' was not a string as expected"
-
-
-def run_python(code):
-    out = subprocess.run([sys.executable, "-c", textwrap.dedent(code)], capture_output=True, text=True, timeout=120)
-    assert out.returncode == 0, out.stderr
-    return out.stdout
 
 
 # ---------------------------------------------------------------------------------------------------------

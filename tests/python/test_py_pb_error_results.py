@@ -6,7 +6,8 @@ import pytest
 
 import py_pb
 import veltramultidimarrayforpython as vpkg
-from py_pb_peer import DOUBLE, numeric, result
+from conftest import DOUBLE
+from py_pb_peer import numeric, result
 from veltra.loopback import error_result
 from veltra.wire import messages
 

@@ -11,28 +11,22 @@ import pytest
 
 import py_pb
 import veltramultidimarrayforpython as vpkg
-from py_pb_peer import (DOUBLE, ENUM, HANDLE, LOGICAL, SINGLE, SPARSE_DOUBLE, VALUE_OBJECT, array as pb_array, cell,
-                        char, numeric, result, strings, struct)
+from conftest import DOUBLE, ENUM, HANDLE, LOGICAL, SINGLE, SPARSE_DOUBLE, VALUE_OBJECT, named, rss_kib
+from py_pb_peer import array as pb_array, cell, char, numeric, result, strings, struct
 from veltra.loopback import error_result, loopback
 from veltra.wire import messages
 
 BIG = 1 << 20  # payloads this large make one leaked copy per round show in the process's memory
 
 
-def _named(module, name, **body):
-    cls = type(name, (), dict(body))
-    cls.__module__ = module
-    return cls
-
-
 def _raise(self):
     raise ZeroDivisionError("no truth")
 
 
-FakeFloat = _named("builtins", "float", __float__=lambda self: 1.5)
-BadFloat = _named("builtins", "float")
-BadBool = _named("builtins", "bool", __bool__=_raise)
-Unknown = _named("somewhere", "Unknown")
+FakeFloat = named("builtins", "float", __float__=lambda self: 1.5)
+BadFloat = named("builtins", "float")
+BadBool = named("builtins", "bool", __bool__=_raise)
+Unknown = named("somewhere", "Unknown")
 
 
 def _cycle():
@@ -188,21 +182,13 @@ def _watched():
     return [o for o in objs if sys.getrefcount(o) < 1000]
 
 
-def _rss_kib():
-    with open("/proc/self/status") as f:
-        for line in f:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    raise RuntimeError("no VmRSS")
-
-
 def test_conversions_do_not_leak(capfd):
     watched = _watched()
     for _ in range(3):
         _exercise()
     gc.collect()
     refs = [sys.getrefcount(o) for o in watched]
-    rss = _rss_kib()
+    rss = rss_kib()
     tracemalloc.start()
     try:
         before = tracemalloc.take_snapshot()
@@ -219,5 +205,5 @@ def test_conversions_do_not_leak(capfd):
     grown = sum(s.size_diff for s in after.compare_to(before, "filename") if s.size_diff > 0)
     # One leaked 1 MiB object per round would be 100 MiB; a few hundred bytes of caches may settle.
     assert grown < 256 * 1024, f"Python allocations grew by {grown} bytes"
-    growth = _rss_kib() - rss
+    growth = rss_kib() - rss
     assert growth < 16 * 1024, f"RSS grew by {growth} KiB"

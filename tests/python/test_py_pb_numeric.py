@@ -5,10 +5,7 @@ import array
 import ctypes
 import gc
 import math
-import os
-import subprocess
 import sys
-import textwrap
 
 import numpy as np
 import pytest
@@ -18,12 +15,9 @@ import veltra
 from veltra.loopback import loopback
 from veltra.wire import messages
 
+from conftest import (COMPLEX_OFFSET, DOUBLE, INT8, INT16, INT32, INT64, LOGICAL, SINGLE, UINT8, UINT16, UINT32, UINT64,
+                      rss_kib)
 from numpy_layouts import engine_shape, make, sample
-
-# ArrayType numbers as they travel in messages.
-LOGICAL, DOUBLE, SINGLE = 1, 4, 5
-INT8, UINT8, INT16, UINT16, INT32, UINT32, INT64, UINT64 = range(6, 14)
-COMPLEX_OFFSET = 10
 
 DTYPE_KIND = {
     np.dtype(np.float64): DOUBLE,
@@ -432,39 +426,7 @@ def test_veltra_payload_is_column_major():
 
 
 # ---------------------------------------------------------------------------------------------------------
-# without the capsule
-
-
-def test_without_the_array_package_the_module_reports_it():
-    # Initialisation needs the package; hiding it makes import fail with the documented message.
-    code = textwrap.dedent(
-        """
-        import sys
-        sys.modules["veltramultidimarrayforpython"] = None
-        try:
-            import py_pb
-        except ValueError as e:
-            print("ValueError:", e)
-        else:
-            print("imported")
-        """
-    )
-    out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
-    assert out.returncode == 0, out.stderr
-    assert out.stdout.startswith("ValueError: Unable to initialize py_pb. Details: Unable to import "
-                                 "veltramultidimarrayforpython; sys.path: \n"), out.stdout
-
-
-# ---------------------------------------------------------------------------------------------------------
 # reference counts and memory stay flat
-
-
-def _rss_kib():
-    with open("/proc/self/status") as f:
-        for line in f:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    raise RuntimeError("no VmRSS")
 
 
 def _exercise(inputs, failing):
@@ -506,11 +468,11 @@ def test_numeric_conversions_do_not_leak():
     _exercise(inputs, failing)
     gc.collect()
     refs = [sys.getrefcount(v) for v in watched]
-    rss = _rss_kib()
+    rss = rss_kib()
     for _ in range(300):
         _exercise(inputs, failing)
     gc.collect()
     assert [sys.getrefcount(v) for v in watched] == refs
-    growth = _rss_kib() - rss
+    growth = rss_kib() - rss
     # 300 rounds of the 400 kB array alone would leak over 100 MB.
     assert growth < 8 * 1024, f"RSS grew by {growth} KiB"

@@ -7,8 +7,8 @@ import numpy as np
 import pytest
 
 import py_pb
-from py_pb_peer import (COMPLEX_DOUBLE, DOUBLE, INT64, LOGICAL, SINGLE, numeric, read_one, roundtrip, sent,
-                        struct)
+from conftest import COMPLEX_DOUBLE, DOUBLE, INT64, LOGICAL, SINGLE
+from py_pb_peer import numeric, read_one, roundtrip, sent, struct
 
 INT_KINDS = {  # kind: (dtype, smallest, largest)
     6: (np.int8, -2**7, 2**7 - 1),

@@ -3,7 +3,8 @@
 import pytest
 
 import py_pb
-from py_pb_peer import CHAR, cell, char, read_one, roundtrip, sent, strings, struct
+from conftest import CHAR
+from py_pb_peer import cell, char, read_one, roundtrip, sent, strings, struct
 
 CHAR_SHAPE = "char arrays returned from VELTRA must be 1-by-N or M-by-1"
 STRING_SHAPE = "string arrays returned from VELTRA must be 1-by-N or M-by-1 "  # with its trailing blank
