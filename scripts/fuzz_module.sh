@@ -1,0 +1,66 @@
+#!/usr/bin/env bash
+# Fuzzes the Python extensions with atheris: builds py_pb and veltramultidimarrayforpython with ASan, UBSan and
+# fuzzer coverage (clang, build/asan-py), stages them with the veltra package, and runs every harness
+# fuzz/fuzz_module_*.py for FUZZ_SECONDS (default 60) over its corpus in build/asan-py/corpus, seeded from
+# fuzz/corpus. Exits non-zero when any harness finds a crash, a sanitizer report or an unexpected exception;
+# the input is kept in build/asan-py/artifacts. FUZZ_SKIP_KNOWN=1 leaves out inputs that reach findings
+# already reported. JOBS sets the build parallelism (default 2); PYTHON the interpreter (default .venv).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+PY=${PYTHON:-$PWD/.venv/bin/python}
+JOBS=${JOBS:-2}
+FUZZ_SECONDS=${FUZZ_SECONDS:-60}
+BUILD=build/asan-py
+STAGE=$BUILD/stage
+
+"$PY" -c "import atheris" 2>/dev/null || "$PY" -m pip install -q atheris
+
+echo "== building the extensions with ASan, UBSan and fuzzer coverage ($BUILD)"
+cmake -S . -B "$BUILD" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DVELTRA_BUILD_PYTHON=ON -DVELTRA_FUZZ_PYTHON=ON -DPython_EXECUTABLE="$PY" >/dev/null
+cmake --build "$BUILD" -j "$JOBS"
+# The layout of an installed wheel: both extensions beside veltra/, which holds libveltradata.so (their
+# RPATH is $ORIGIN/veltra), the schema files veltra.wire compiles, and the package's Python modules.
+cmake --install "$BUILD" --prefix "$STAGE" >/dev/null
+rm -f "$STAGE"/veltra/*.py
+cp python/veltra/*.py "$STAGE/veltra/"
+
+# atheris's runtime: libFuzzer and ASan (with UBSan's handlers) in one library that must be loaded first.
+# Python's own allocator is off so that ASan sees the bounds of every Python object's memory; Python does
+# not free everything at exit, so leaks are not looked for.
+LD_PRELOAD="$("$PY" -c "import atheris; print(atheris.path())")/asan_with_fuzzer.so"
+export LD_PRELOAD PYTHONMALLOC=malloc PYTHONPATH="$PWD/$STAGE:$PWD/fuzz"
+export ASAN_OPTIONS=detect_leaks=0:handle_abort=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+if command -v llvm-symbolizer >/dev/null; then export ASAN_SYMBOLIZER_PATH="$(command -v llvm-symbolizer)"; fi
+
+failed=()
+mkdir -p "$BUILD/artifacts"
+for harness in fuzz/fuzz_module_*.py; do
+  name=$(basename "$harness" .py)
+  corpus="$BUILD/corpus/$name"
+  log="$BUILD/$name.log"
+  mkdir -p "$corpus"
+  seeds=()
+  [ -d "fuzz/corpus/$name" ] && seeds+=("fuzz/corpus/$name")
+  # The raw bytes harness also starts from the C++ reader's seeds.
+  [ "$name" = fuzz_module_bytes ] && [ -d fuzz/seeds/fuzz_result_reader ] && seeds+=(fuzz/seeds/fuzz_result_reader)
+  echo "== $name for ${FUZZ_SECONDS}s"
+  # -close_fd_mask=2: serialized_str_to_py prints every unreadable message on standard error; libFuzzer and
+  # the sanitizers keep writing to a copy of it (atheris reports uncaught exceptions through libFuzzer).
+  status=0
+  "$PY" "$harness" -max_total_time="$FUZZ_SECONDS" -timeout=30 -rss_limit_mb=2048 -max_len=65536 \
+    -close_fd_mask=2 -print_final_stats=1 -artifact_prefix="$BUILD/artifacts/$name-" \
+    "$corpus" "${seeds[@]}" >"$log" 2>&1 || status=$?
+  if [ "$status" -ne 0 ]; then
+    tail -n 60 "$log"
+    echo "!! $name failed (exit $status); the whole log is $log"
+    failed+=("$name")
+  else
+    grep -E '^(Done|stat::)' "$log" || tail -n 12 "$log"
+  fi
+done
+
+if [ "${#failed[@]}" -ne 0 ]; then
+  echo "!! findings in: ${failed[*]}"
+  exit 1
+fi
