@@ -1,5 +1,6 @@
 #include "arraypkg/capi.h"
 
+#include <cstdint>
 #include <string>
 
 #include "arraypkg/buffer_source.h"
@@ -96,7 +97,23 @@ void releaseEntry(PyObject* handle) {
 // Entry 4.
 int isBufferEntry(PyObject* obj) { return obj && PyObject_CheckBuffer(obj) ? 1 : 0; }
 
-const VeltraArrayCapi kTable = {wrapEntry, getArrayEntry, acquireEntry, releaseEntry, isBufferEntry};
+// Entry 5.
+uint64_t bufferBytesEntry(PyObject* handle) {
+    BufferFormat format;
+    const Py_buffer* view = handle && isBufferHandle(handle) ? handleBuffer(handle, format) : nullptr;
+    if (!view) return 0;
+    std::uint64_t bytes = static_cast<std::uint64_t>(view->itemsize);
+    bool saturated = false;
+    for (int k = 0; k < view->ndim; ++k) {
+        const std::uint64_t d = static_cast<std::uint64_t>(view->shape[k]);
+        if (d == 0) return 0;
+        saturated = saturated || bytes > UINT64_MAX / d;
+        bytes = saturated ? UINT64_MAX : bytes * d;
+    }
+    return bytes;
+}
+
+const VeltraArrayCapi kTable = {wrapEntry, getArrayEntry, acquireEntry, releaseEntry, isBufferEntry, bufferBytesEntry};
 
 }  // namespace
 

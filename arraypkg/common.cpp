@@ -46,16 +46,7 @@ std::string formatIndex(const std::vector<std::uint64_t>& index) {
 
 std::string formatDims(const std::vector<std::uint64_t>& dims) { return formatIndex(dims); }
 
-std::string reprOf(PyObject* obj) {
-    pyutil::ErrorAside aside;
-    Ref r = Ref::steal(PyObject_Repr(obj));
-    const char* s = r ? PyUnicode_AsUTF8AndSize(r.get(), nullptr) : nullptr;
-    if (!s) {
-        PyErr_Clear();
-        return "<unprintable>";
-    }
-    return s;
-}
+std::string reprOf(PyObject* obj) { return pyutil::shortRepr(obj); }
 
 std::string formatDouble(double v) {
     char* s = PyOS_double_to_string(v, 'r', 0, Py_DTSF_ADD_DOT_0, nullptr);

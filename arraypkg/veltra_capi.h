@@ -25,6 +25,10 @@ typedef struct VeltraArrayCapi {
     void (*release_buffer)(PyObject* buffer_handle);
     /* 4: non-zero when `obj` can be read as a buffer. Never leaves a Python error set. */
     int (*is_buffer)(PyObject* obj);
+    /* 5: the bytes entry 1 would copy out of a buffer handle from entry 2 (elements times item size,
+     *    UINT64_MAX when that does not fit), so that a caller can refuse before anything is allocated; 0 for
+     *    anything that is not a held buffer handle. Never fails. */
+    uint64_t (*buffer_bytes)(PyObject* buffer_handle);
 } VeltraArrayCapi;
 
 #endif

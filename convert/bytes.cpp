@@ -2,24 +2,36 @@
 
 #include <cstdint>
 
+#include "convert/budget.h"
+#include "pyutil/buffer.h"
+
 namespace PythonVeltraDataArray::detail {
 
 namespace {
 
-// The bytes are copied into the array before this returns, so later changes to a bytearray do not reach it.
-std::optional<Array> uint8Row(ArrayFactory& f, const char* data, Py_ssize_t size) {
-    if (!data || size < 0) return failed();
+// A 1-by-N UINT8 row of a copy of the bytes, so later changes to a bytearray do not reach it.
+Array uint8Row(ArrayFactory& f, const char* data, Py_ssize_t size) {
     const std::uint64_t n = static_cast<std::uint64_t>(size);
     return f.createArrayWithData(ArrayType::UINT8, {1, n}, data, static_cast<std::size_t>(n));
+}
+
+// What claims a byte sequence's name without being one is read through the buffer protocol, as bytes.
+std::optional<Array> fromBuffer(ArrayFactory& f, PyObject* obj) {
+    pyutil::BufferView view;
+    if (!view.acquire(obj, PyBUF_SIMPLE)) return failProtocol(obj);
+    if (!wouldFit(static_cast<std::uint64_t>(view->len))) return failed();
+    return uint8Row(f, static_cast<const char*>(view->buf), view->len);
 }
 
 }  // namespace
 
 std::optional<Array> PyBytesToUint8::doConvert(PyObject* obj, const ConversionState&) {
+    if (!PyBytes_Check(obj)) return fromBuffer(factory(), obj);
     return uint8Row(factory(), PyBytes_AsString(obj), PyBytes_Size(obj));
 }
 
 std::optional<Array> PyByteArrayToUint8::doConvert(PyObject* obj, const ConversionState&) {
+    if (!PyByteArray_Check(obj)) return fromBuffer(factory(), obj);
     return uint8Row(factory(), PyByteArray_AsString(obj), PyByteArray_Size(obj));
 }
 

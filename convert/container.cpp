@@ -4,9 +4,11 @@
 #include <utility>
 #include <vector>
 
+#include "convert/budget.h"
 #include "convert/dispatch.h"
 #include "convert/recursion_guard.h"
 #include "convert/text.h"
+#include "pyutil/type_name.h"
 
 namespace PythonVeltraDataArray::detail {
 
@@ -44,74 +46,118 @@ std::optional<Array> cellOf(ArrayFactory& f, Py_ssize_t n, const ConversionState
     return std::move(f.createCellArray({1, static_cast<std::uint64_t>(n)}, std::move(elements)));
 }
 
+// A 1-by-N cell of what iterating `obj` gives: the way in for objects that only claim a container's name. The
+// budget's value count bounds an iterator that never ends.
+std::optional<Array> cellOfIterable(ArrayFactory& f, PyObject* obj, const ConversionState& state) {
+    const Ref iterator = Ref::steal(PyObject_GetIter(obj));
+    if (!iterator) return failProtocol(obj);
+    const ConversionState inner = state.forElement();
+    std::vector<Array> elements;
+    while (const Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+        if (item.get() == obj) return fail(PyExc_ValueError, kRecursiveList);
+        std::optional<Array> element = convertToArray(item.get(), inner);
+        if (!element) return failed();
+        elements.push_back(std::move(*element));
+    }
+    if (PyErr_Occurred()) return failed();
+    const std::uint64_t n = elements.size();
+    return std::move(f.createCellArray({1, n}, std::move(elements)));
+}
+
+// Converts a container once per call: a container met again shares its first conversion (budget.h).
+template <typename Convert>
+std::optional<Array> convertShared(PyObject* obj, Convert&& convert) {
+    RecursionGuard guard(kIntoVeltra);
+    if (!guard) return failed();
+    std::optional<Array> earlier = reuseShared(obj);
+    if (earlier || PyErr_Occurred()) return earlier;
+    const CallBudget::Counts since = budgetCounts();
+    std::optional<Array> result = convert();
+    if (result) rememberShared(obj, *result, since);
+    return result;
+}
+
+// A dict key as a field name: a non-empty str whose UTF-8 form is a valid identifier.
+std::optional<std::string> fieldName(PyObject* key) {
+    if (!PyUnicode_Check(key)) return fail(PyExc_ValueError, kFieldNotStr);
+    Py_ssize_t size = 0;
+    const char* utf8 = PyUnicode_AsUTF8AndSize(key, &size);
+    if (!utf8 || size == 0) {
+        PyErr_Clear();  // a key UTF-8 cannot carry (a lone surrogate) counts as no name
+        return fail(PyExc_ValueError, kFieldEmpty);
+    }
+    std::string name(utf8, static_cast<std::size_t>(size));
+    if (!foundation::veltradata::isValidFieldName(name))
+        return fail(PyExc_ValueError, "field name is not a valid VELTRA identifier: " + pyutil::shortRepr(key));
+    return name;
+}
+
 }  // namespace
 
 std::optional<Array> PyListToCell::doConvert(PyObject* obj, const ConversionState& state) {
-    RecursionGuard guard(kIntoVeltra);
-    if (!guard) return failed();
-    return cellOf(factory(), PyList_Size(obj), state, [obj](Py_ssize_t i) {
-        // An element's conversion can run Python code that shrinks the list: then this raises IndexError.
-        PyObject* item = PyList_GetItem(obj, i);
-        if (item != obj) return Ref::borrow(item);
-        fail(PyExc_ValueError, kRecursiveList);
-        return Ref();
+    return convertShared(obj, [&]() -> std::optional<Array> {
+        if (!PyList_Check(obj)) return cellOfIterable(factory(), obj, state);
+        return cellOf(factory(), PyList_Size(obj), state, [obj](Py_ssize_t i) {
+            // An element's conversion can run Python code that shrinks the list: then this raises IndexError.
+            PyObject* item = PyList_GetItem(obj, i);
+            if (item != obj) return Ref::borrow(item);
+            fail(PyExc_ValueError, kRecursiveList);
+            return Ref();
+        });
     });
 }
 
 std::optional<Array> PyTupleToCell::doConvert(PyObject* obj, const ConversionState& state) {
-    RecursionGuard guard(kIntoVeltra);
-    if (!guard) return failed();
-    return cellOf(factory(), PyTuple_Size(obj), state, [obj](Py_ssize_t i) { return Ref::borrow(PyTuple_GetItem(obj, i)); });
+    return convertShared(obj, [&]() -> std::optional<Array> {
+        if (!PyTuple_Check(obj)) return cellOfIterable(factory(), obj, state);
+        return cellOf(factory(), PyTuple_Size(obj), state,
+                      [obj](Py_ssize_t i) { return Ref::borrow(PyTuple_GetItem(obj, i)); });
+    });
 }
 
 std::optional<Array> PySetToCell::doConvert(PyObject* obj, const ConversionState& state) {
-    RecursionGuard guard(kIntoVeltra);
-    if (!guard) return failed();
-    const Py_ssize_t n = PySet_Size(obj);
-    if (n < 0) return failed();
-    const Ref copy = Ref::steal(PySet_New(obj));
-    if (!copy) return failed();
-    return cellOf(factory(), n, state, [&copy](Py_ssize_t) { return Ref::steal(PySet_Pop(copy.get())); });
+    return convertShared(obj, [&]() -> std::optional<Array> {
+        if (!PyAnySet_Check(obj)) return cellOfIterable(factory(), obj, state);
+        const Py_ssize_t n = PySet_Size(obj);
+        const Ref copy = Ref::steal(PySet_New(obj));  // popped from in the set's own order
+        if (!copy) return failed();
+        return cellOf(factory(), n, state, [&copy](Py_ssize_t) { return Ref::steal(PySet_Pop(copy.get())); });
+    });
 }
 
+// A dict, or any other mapping that claims the name: its keys() and the value of each key.
 std::optional<Array> PyDictToStruct::doConvert(PyObject* obj, const ConversionState& state) {
-    RecursionGuard guard(kIntoVeltra);
-    if (!guard) return failed();
-    const Ref keys = Ref::steal(PyDict_Keys(obj));
-    if (!keys) return failed();
-    const Py_ssize_t n = PyList_Size(keys.get());
+    return convertShared(obj, [&]() -> std::optional<Array> {
+        const bool dict = PyDict_Check(obj);
+        if (!dict && !PyMapping_Check(obj)) return failUnsupportedType(obj);
+        const Ref keys = Ref::steal(dict ? PyDict_Keys(obj) : PyMapping_Keys(obj));
+        if (!keys) return dict ? failed() : failProtocol(obj);
+        const Py_ssize_t n = PyList_Size(keys.get());
+        if (n < 0) return failed();
 
-    std::vector<std::string> names;
-    names.reserve(static_cast<std::size_t>(n));
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        PyObject* key = PyList_GetItem(keys.get(), i);
-        if (!PyUnicode_Check(key)) return fail(PyExc_ValueError, kFieldNotStr);
-        const Ref utf8 = Ref::steal(PyUnicode_AsUTF8String(key));
-        if (!utf8 || PyBytes_Size(utf8.get()) == 0) {
-            PyErr_Clear();  // a key UTF-8 cannot carry (a lone surrogate) counts as no name
-            return fail(PyExc_ValueError, kFieldEmpty);
+        std::vector<std::string> names;
+        names.reserve(static_cast<std::size_t>(n));
+        for (Py_ssize_t i = 0; i < n; ++i) {
+            std::optional<std::string> name = fieldName(PyList_GetItem(keys.get(), i));
+            if (!name) return failed();
+            names.push_back(std::move(*name));
         }
-        names.emplace_back(PyBytes_AsString(utf8.get()), static_cast<std::size_t>(PyBytes_Size(utf8.get())));
-    }
-
-    // Throws for a name that is no valid identifier ("field name is not a valid VELTRA identifier: '...'");
-    // the base turns that into ValueError.
-    StructArray s = factory().createStructArray({1, 1}, names);
-    const ConversionState inner = state.forElement();
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        PyObject* key = PyList_GetItem(keys.get(), i);
-        PyObject* value = PyDict_GetItemWithError(obj, key);
-        if (!value) {
-            // Python code run by an earlier value's conversion removed this key.
-            return PyErr_Occurred() ? failed() : fail(PyExc_RuntimeError, kDictChanged);
+        StructArray s = factory().createStructArray({1, 1}, names);  // throws for a repeated name
+        const ConversionState inner = state.forElement();
+        for (Py_ssize_t i = 0; i < n; ++i) {
+            PyObject* key = PyList_GetItem(keys.get(), i);
+            const Ref value = dict ? Ref::borrow(PyDict_GetItemWithError(obj, key)) : Ref::steal(PyObject_GetItem(obj, key));
+            if (!value) {
+                // Python code run by an earlier value's conversion removed this key.
+                return PyErr_Occurred() ? failed() : fail(PyExc_RuntimeError, kDictChanged);
+            }
+            if (value.get() == obj) return fail(PyExc_ValueError, kRecursiveDict);
+            std::optional<Array> field = convertToArray(value.get(), inner);
+            if (!field) return failed();
+            s[0][names[static_cast<std::size_t>(i)]] = *field;
         }
-        if (value == obj) return fail(PyExc_ValueError, kRecursiveDict);
-        const Ref hold = Ref::borrow(value);
-        std::optional<Array> field = convertToArray(value, inner);
-        if (!field) return failed();
-        s[0][names[static_cast<std::size_t>(i)]] = *field;
-    }
-    return s;
+        return s;
+    });
 }
 
 PyObject* CellToPyList::doConvert(const Array& a) {

@@ -6,6 +6,7 @@
 #include <exception>
 #include <typeinfo>
 
+#include "convert/budget.h"
 #include "pyutil/messages.h"
 #include "pyutil/type_name.h"
 
@@ -58,6 +59,7 @@ bool settled(bool produced, const std::type_info& converter) {
 
 std::optional<Array> ToArrayConverter::convert(PyObject* obj, const ConversionState& state) {
     if (!obj) return fail(PyExc_RuntimeError, pyutil::kNullObject);
+    if (!chargeValue()) return failed();
     std::optional<Array> result;
     try {
         result = doConvert(obj, state);
@@ -67,10 +69,12 @@ std::optional<Array> ToArrayConverter::convert(PyObject* obj, const ConversionSt
     }
     if (!settled(result.has_value(), typeid(*this))) return failed();
     if (result->getType() == ArrayType::UNKNOWN) return failUnsupportedType(obj);
+    if (!chargePayload(*result)) return failed();
     return result;
 }
 
 PyObject* ToPythonConverter::convert(const Array& a) {
+    if (!pollSignals()) return failed();
     Ref result;
     try {
         result = Ref::steal(doConvert(a));
@@ -87,6 +91,14 @@ std::string unsupportedTypeText(const std::string& name) {
 
 pyutil::Failure failUnsupportedType(PyObject* obj) {
     return fail(PyExc_TypeError, unsupportedTypeText(pyutil::typeName(obj)));
+}
+
+pyutil::Failure failProtocol(PyObject* obj) {
+    if (PyErr_ExceptionMatches(PyExc_TypeError) || PyErr_ExceptionMatches(PyExc_AttributeError) ||
+        PyErr_ExceptionMatches(PyExc_BufferError)) {
+        pyutil::replaceError(PyExc_TypeError, unsupportedTypeText(pyutil::typeName(obj)));
+    }
+    return failed();
 }
 
 }  // namespace PythonVeltraDataArray::detail

@@ -117,5 +117,9 @@ private:
 std::string unsupportedTypeText(const std::string& name);
 // TypeError with unsupportedTypeText for the name of obj's type.
 pyutil::Failure failUnsupportedType(PyObject* obj);
+// For an object that claims a type's name but failed the generic protocol it was read through: a pending
+// TypeError, AttributeError or BufferError becomes the unsupported-type TypeError, with the protocol's own
+// complaint as its cause. Any other error (an OverflowError, what the object's own method raised) stands.
+pyutil::Failure failProtocol(PyObject* obj);
 
 }  // namespace PythonVeltraDataArray::detail

@@ -174,8 +174,9 @@ const ToArrayPtr& lookup(PyObject* obj) {
 
     const std::string name = pyutil::typeName(obj);
     if (name.empty()) return r.null;
+    // "NULL" and "<buffer>" are the registry's own keys, not names a type may claim.
     auto it = r.byName.find(name);
-    if (it != r.byName.end()) return it->second;
+    if (it != r.byName.end() && it->second != r.null && it->second != r.buffer) return it->second;
 
     const VeltraArrayCapi* capi = detail::capsule();
     if (!capi) {

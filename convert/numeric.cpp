@@ -1,5 +1,6 @@
 #include "convert/numeric.h"
 
+#include "convert/budget.h"
 #include "convert/module_state.h"
 #include "convert/py_helpers.h"
 #include "pyutil/messages.h"
@@ -56,6 +57,7 @@ std::optional<Array> fromBuffer(PyObject* obj) {
     PyObject* raw = capi->acquire_buffer(obj, &type);
     if (!raw) return failed();  // entry 2's own error says why
     BufferHandle handle(capi, raw);
+    if (!wouldFit(capi->buffer_bytes(raw))) return failed();  // before the copy is allocated
     return fromCapsule(handle.get(), static_cast<ArrayType>(type));
 }
 
@@ -79,6 +81,7 @@ std::optional<Array> VCPyLogicalToLogical::doConvert(PyObject* obj, const Conver
 }
 
 std::optional<Array> BufferProtocolObjectToBuffer::doConvert(PyObject* obj, const ConversionState&) {
+    if (!PyObject_CheckBuffer(obj)) return failUnsupportedType(obj);  // only claims to be a memoryview
     return fromBuffer(obj);
 }
 

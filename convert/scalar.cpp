@@ -34,19 +34,24 @@ T first(const Array& a, ArrayType kind) {
 
 std::optional<Array> PyFloatToDouble::doConvert(PyObject* obj, const ConversionState&) {
     const double value = PyFloat_AsDouble(obj);
-    if (value == -1.0 && PyErr_Occurred()) return failed();
+    if (value == -1.0 && PyErr_Occurred()) return failProtocol(obj);
     return scalarArray(factory(), ArrayType::DOUBLE, value);
 }
 
 std::optional<Array> PyComplexToDouble::doConvert(PyObject* obj, const ConversionState&) {
-    const std::complex<double> value(PyComplex_RealAsDouble(obj), PyComplex_ImagAsDouble(obj));
+    // Anything else that claims the name is asked for its complex value: complex(obj).
+    const Ref number = PyComplex_Check(obj) ? Ref::borrow(obj)
+                                            : Ref::steal(PyObject_CallFunctionObjArgs(
+                                                  reinterpret_cast<PyObject*>(&PyComplex_Type), obj, nullptr));
+    if (!number) return failProtocol(obj);
+    const std::complex<double> value(PyComplex_RealAsDouble(number.get()), PyComplex_ImagAsDouble(number.get()));
     if (PyErr_Occurred()) return failed();
     return scalarArray(factory(), ArrayType::COMPLEX_DOUBLE, value);
 }
 
 std::optional<Array> PyIntToInt64::doConvert(PyObject* obj, const ConversionState&) {
     const std::int64_t value = PyLong_AsLongLong(obj);
-    if (value == -1 && PyErr_Occurred()) return failed();
+    if (value == -1 && PyErr_Occurred()) return failProtocol(obj);
     return scalarArray(factory(), ArrayType::INT64, value);
 }
 

@@ -1,5 +1,7 @@
 #include "convert/text.h"
 
+#include "convert/budget.h"
+
 #include <cstring>
 
 
@@ -78,6 +80,7 @@ std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj) {
 }
 
 std::optional<Array> PyStrToCharOrString::doConvert(PyObject* obj, const ConversionState& state) {
+    if (!PyUnicode_Check(obj)) return failUnsupportedType(obj);
     if (!state.allowString || !state.notNested) {
         // Char data goes from the codec's buffer straight into the array.
         std::optional<Utf16Bytes> encoded = encodeUtf16(obj);
@@ -113,6 +116,7 @@ PyObject* VLStringToPyList::doConvert(const Array& a) {
     Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(n)));
     if (!list) return failed();
     for (std::uint64_t i = 0; i < n; ++i) {
+        if (!pollSignals()) return failed();
         const VeltraString element = strings[i].getValue<VeltraString>();
         PyObject* item = nullptr;
         if (element) {

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "convert/budget.h"
 #include "convert/dispatch.h"
 #include "envelope/call_messages.h"
 #include "module/keywords.h"
@@ -40,12 +41,21 @@ constexpr std::size_t kHugePageWorthwhile = std::size_t{8} << 20;
 // alone would be a string scalar but is refused like every non-container argument, since the parameters
 // need a cell of arguments.
 PyObject* buildParams(PyObject* obj, std::int32_t nargout) {
-    const std::optional<Array> args = detail::convertToArray(obj, ConversionState::topLevel());
+    std::optional<Array> args;
+    {
+        detail::CallBudget budget;  // counts what the conversion produces; see convert/budget.h
+        args = detail::convertToArray(obj, ConversionState::topLevel());
+    }
     if (!args) return nullptr;
 
     const foundation::protobuf::common::ParamsMessage message(*args, nargout);
     const std::size_t size = message.byteSize();
-    if (size > static_cast<std::size_t>(PY_SSIZE_T_MAX)) return fail(PyExc_ValueError, "The parameters message is too large.");
+    if (size > detail::CallBudget::kMaxMessageBytes) {
+        return fail(PyExc_ValueError, "the parameters message would be " + std::to_string(size) +
+                                          " bytes, more than the " +
+                                          std::to_string(detail::CallBudget::kMaxMessageBytes) +
+                                          " bytes (2 GiB) a message can hold");
+    }
     // Sized first, then written once straight into the bytes object that is returned.
     Ref bytes = Ref::steal(PyBytes_FromStringAndSize(nullptr, static_cast<Py_ssize_t>(size)));
     if (!bytes) return nullptr;

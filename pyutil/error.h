@@ -31,14 +31,19 @@ inline Failure fail(PyObject* type, const char* text) noexcept {
     PyErr_SetString(type, text);
     return {};
 }
-inline Failure fail(PyObject* type, const std::string& text) noexcept { return fail(type, text.c_str()); }
+// The whole text, also past a NUL that a name or value in it may hold.
+inline Failure fail(PyObject* type, const std::string& text) noexcept {
+    const Ref message = Ref::steal(PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace"));
+    if (message) PyErr_SetObject(type, message.get());  // otherwise the MemoryError stands
+    return {};
+}
 inline Failure failed() noexcept { return {}; }
 
 // Thrown after a Python error has been set.
 struct PyErrorSet {};
 
 [[noreturn]] inline void raise(PyObject* type, const std::string& text) {
-    PyErr_SetString(type, text.c_str());
+    fail(type, text);
     throw PyErrorSet{};
 }
 
@@ -64,6 +69,21 @@ private:
     Ref type_, value_, traceback_;
 };
 
+// repr(obj) for a message, cut after `limit` characters ("..." marks the cut): a value echoed back must fit on a
+// line and show what a NUL or a control character really is. "<unprintable>" when repr fails; the error
+// indicator is left as it was.
+inline std::string shortRepr(PyObject* obj, Py_ssize_t limit = 100) {
+    ErrorAside aside;
+    Ref repr = Ref::steal(PyObject_Repr(obj));
+    const Py_ssize_t length = repr ? PyUnicode_GetLength(repr.get()) : -1;
+    if (length > limit) repr = Ref::steal(PyUnicode_Substring(repr.get(), 0, limit));
+    Py_ssize_t size = 0;
+    const char* text = repr ? PyUnicode_AsUTF8AndSize(repr.get(), &size) : nullptr;
+    if (!text) return "<unprintable>";
+    std::string out(text, static_cast<std::size_t>(size));
+    return length > limit ? out + "..." : out;
+}
+
 // Takes the pending exception out of the indicator as an exception object carrying its traceback (null when
 // none is pending).
 inline Ref fetchNormalized() noexcept {
@@ -86,7 +106,7 @@ inline void replaceError(PyObject* type, std::string text, bool appendCauseText 
         text += c ? c : "unknown error";
         PyErr_Clear();
     }
-    PyErr_SetString(type, text.c_str());
+    fail(type, text);
     if (!cause) return;
     Ref value = fetchNormalized();
     PyException_SetCause(value.get(), cause.release());  // steals the cause

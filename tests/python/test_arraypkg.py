@@ -210,7 +210,7 @@ def test_unsupported_buffer_formats_fall_back_to_their_elements():
         (vpkg.logical, [float("nan")], ValueError, "value nan at index (0,) cannot be converted to logical"),
         (vpkg.logical, [1j], TypeError, "value 1j at index (0,) is complex and cannot be stored in a logical array"),
         (vpkg.double, [10**400], ValueError,
-         "value " + str(10**400) + " at index (0,) is out of range for double"),
+         "value " + str(10**400)[:100] + "... at index (0,) is out of range for double"),  # echoed values are cut
         (vpkg.int8, np.array([[1, 2], [3, 400]]), ValueError, "value 400 at index (1, 1) is out of range for int8"),
         (vpkg.uint16, np.array([1.0, -2.0]), ValueError, "value -2.0 at index (1,) is out of range for uint16"),
         (vpkg.int8, 128, ValueError, "value 128 is out of range for int8"),

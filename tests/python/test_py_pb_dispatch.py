@@ -156,18 +156,20 @@ def test_a_class_named_like_a_builtin_reaches_its_converter():
 
 
 @pytest.mark.parametrize(
-    "name, body, exc, text",
+    "name, body, exc, text, cause",
     [
-        ("float", {}, TypeError, "must be real number, not float"),
-        ("int", {}, TypeError, "'int' object cannot be interpreted as an integer"),
-        ("bool", {"__bool__": lambda self: 1 / 0}, ZeroDivisionError, "division by zero"),
+        ("float", {}, TypeError, unsupported("float"), "must be real number, not float"),
+        ("int", {}, TypeError, unsupported("int"), "'int' object cannot be interpreted as an integer"),
+        ("bool", {"__bool__": lambda self: 1 / 0}, ZeroDivisionError, "division by zero", None),
     ],
 )
-def test_errors_left_pending_by_scalar_converters_are_reported(name, body, exc, text):
-    # The converter stores a placeholder (-1.0, -1, true) with the C API's error pending; that error wins.
+def test_a_number_protocol_failure_is_reported(name, body, exc, text, cause):
+    # An object that only claims a number's name is read through the number protocol; when that refuses it,
+    # the object's type is refused, with the protocol's complaint as the cause. Its own errors pass as they are.
     with pytest.raises(exc) as e:
         py_pb.py_to_serialized_str((named("builtins", name, **body)(),))
     assert str(e.value) == text
+    assert (cause and str(e.value.__cause__)) == cause
 
 
 def test_module_that_is_not_a_str_is_ignored():

@@ -188,13 +188,11 @@ def test_buffer_is_released_on_success_and_on_failure():
     mv.release()
     ba.extend(bytes(8))
 
-    # Acquired, then the copy fails (8 TiB claimed by a broadcast view): the handle is still given back.
+    # Acquired, then refused before the copy (8 TiB claimed by a broadcast view): the handle is still given back.
     huge = np.broadcast_to(np.zeros(1), (1 << 40,))
     refs = sys.getrefcount(huge)
-    with pytest.raises(TypeError, match="^capsule unable to retrieve object contents$") as info:
+    with pytest.raises(ValueError, match="^the arguments need at least 8796093022208 bytes"):
         py_pb.py_to_serialized_str((huge,))
-    assert isinstance(info.value.__cause__, MemoryError)  # the capsule's reason stays attached
-    del info
     assert sys.getrefcount(huge) == refs
 
 
