@@ -99,6 +99,7 @@ bool parseComplexInteger(const char* p, Order outer, BufferFormat& out) {
     const char* names[2] = {":real:", ":imag:"};
     for (int k = 0; k < 2; ++k) {
         readOrder(p, order);
+        if (*p == '\0') return false;  // cut short: never step past the terminator
         kind[k] = realCode(*p++, order, size[k]);
         swap[k] = swapped(order);
         const std::size_t len = std::strlen(names[k]);

@@ -7,6 +7,7 @@ import gc
 import sys
 import tracemalloc
 
+import numpy as np
 import pytest
 
 import py_pb
@@ -57,8 +58,21 @@ def _deep(n):
 big_text = "\u00e9\U0001F600" * (BIG // 4)
 big_bytes = bytes(range(256)) * (BIG // 256)
 
+def _doubled(levels):
+    x = [1.0]
+    for _ in range(levels):
+        x = [x, x]
+    return x
+
+
+# Classes that only claim a built-in's name, read through the buffer, iteration and mapping protocols.
+FakeBytes = type("bytearray", (bytes,), {"__module__": "builtins"})
+FakeList = named("builtins", "list", __iter__=lambda self: iter([1.0, "a"]))
+FakeDict = named("builtins", "dict", keys=lambda self: ["k"], __getitem__=lambda self, key: [key], __len__=lambda self: 1)
+
 # (argument of py_to_serialized_str, keyword arguments)
 TO_BYTES_OK = [
+    ((FakeBytes(b"\0" * 24), FakeList(), FakeDict(), _doubled(10)), {}),
     ((1.5, 2, True, 1 - 2j, "a\U0001F600", b"\x00\xff", bytearray(b"xy")), {}),
     (([1, (2.0, set()), {"k": [b"z", {"n": None and 0 or "v"}]}],), {"nargout": "3", "schema": "VELTRA_RESULT"}),
     (({3, 4.5, "s"}, {}, [], ()), {"nargout": 2}),
@@ -90,6 +104,10 @@ TO_BYTES_FAIL = [
     ((), {"nargout": 2**70}, ValueError),
     ((), {"schema": "nope"}, ValueError),
     ((), {"other": 1}, ValueError),
+    ((_doubled(40),), {}, ValueError),  # too many values once expanded
+    ((np.broadcast_to(np.zeros(1), (1 << 29,)),), {}, ValueError),  # too many bytes, refused before the copy
+    (({"a\0b": 1},), {}, ValueError),
+    ((named("builtins", "NULL")(), named("builtins", "dict")()), {}, TypeError),
 ]
 
 
