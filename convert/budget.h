@@ -9,8 +9,8 @@
 // its counts are charged once more, so shared sub-lists cost their size on the wire but not in work.
 // Counting also checks for signals every few thousand values, so Ctrl-C interrupts a long conversion.
 //
-// The budget lives for the call (module/entry_points.cpp makes one); outside a call the free functions below
-// do nothing.
+// The module function makes one per call and hands it down in the ConversionState; a conversion without one
+// (ConversionState::budget null) is not counted.
 #pragma once
 
 #include <Python.h>
@@ -18,7 +18,6 @@
 #include <cstdint>
 #include <optional>
 #include <unordered_map>
-#include <vector>
 
 #include "convert/converter.h"
 
@@ -29,49 +28,41 @@ public:
     static constexpr std::uint64_t kMaxMessageBytes = 2147483647;  // 2 GiB - 1, protobuf's limit
     static constexpr std::uint64_t kMaxValues = std::uint64_t{1} << 22;
 
-    CallBudget() noexcept;
-    ~CallBudget();
-    CallBudget(const CallBudget&) = delete;
-    CallBudget& operator=(const CallBudget&) = delete;
-
     struct Counts {
         std::uint64_t values = 0, bytes = 0;
     };
     Counts counts() const noexcept { return counts_; }
 
-    bool chargeValue();
-    bool chargeBytes(std::uint64_t bytes);
+    // One more value. False with the error set: ValueError past the limit, or KeyboardInterrupt (or what a
+    // signal handler raised).
+    bool chargeValue() {
+        ++counts_.values;
+        return (counts_.values & (kSignalEvery - 1)) != 0 && counts_.values <= kMaxValues ? true : checkValues();
+    }
+    // The payload bytes of a converted value; false with ValueError set past the message limit.
+    bool chargePayload(const Array& a);
+    // Whether `bytes` more would still fit; false with ValueError set otherwise. Nothing is charged.
     bool wouldFit(std::uint64_t bytes) const;
+
+    // The earlier conversion of a container met again (its counts charged again), or nothing. An empty
+    // result with an error set means the charge failed.
     std::optional<Array> reuse(PyObject* container);
+    // Records a container's conversion for reuse; `since` are the counts taken when its conversion began.
     void remember(PyObject* container, const Array& converted, Counts since);
 
-    static CallBudget* current() noexcept;
-
 private:
+    static constexpr std::uint64_t kSignalEvery = 4096;
+    bool checkValues();
+    bool checkBytes() const;
+
     struct Shared {
         Array array;
         Counts counts;
-        Ref hold;  // keeps the key's address from being reused by another object during the call
+        Ref hold;  // keeps the key's address from going to another object during the call
     };
-    bool charge(Counts more);
     Counts counts_;
     std::unordered_map<PyObject*, Shared> shared_;
-    CallBudget* outer_;
 };
-
-// One more value, checking for signals now and then. False with the error set (ValueError, KeyboardInterrupt).
-bool chargeValue();
-// Payload bytes of a converted value; false with ValueError set past the message limit.
-bool chargePayload(const Array& a);
-// Whether `bytes` more would still fit; false with ValueError set otherwise. Nothing is charged.
-bool wouldFit(std::uint64_t bytes);
-// The earlier conversion of a container met again (its counts charged again), or nothing. An empty result
-// with an error set means the charge failed.
-std::optional<Array> reuseShared(PyObject* container);
-// Records a container's conversion for reuse; `since` are the counts taken when its conversion began.
-void rememberShared(PyObject* container, const Array& converted, CallBudget::Counts since);
-// The counts so far (zero outside a call).
-CallBudget::Counts budgetCounts();
 
 // For conversions out of the engine, which have no budget: checks for signals every few thousand calls.
 // False with KeyboardInterrupt (or what the handler raised) set.

@@ -16,22 +16,22 @@ Array uint8Row(ArrayFactory& f, const char* data, Py_ssize_t size) {
 }
 
 // What claims a byte sequence's name without being one is read through the buffer protocol, as bytes.
-std::optional<Array> fromBuffer(ArrayFactory& f, PyObject* obj) {
+std::optional<Array> fromBuffer(ArrayFactory& f, PyObject* obj, CallBudget* budget) {
     pyutil::BufferView view;
     if (!view.acquire(obj, PyBUF_SIMPLE)) return failProtocol(obj);
-    if (!wouldFit(static_cast<std::uint64_t>(view->len))) return failed();
+    if (budget && !budget->wouldFit(static_cast<std::uint64_t>(view->len))) return failed();
     return uint8Row(f, static_cast<const char*>(view->buf), view->len);
 }
 
 }  // namespace
 
-std::optional<Array> PyBytesToUint8::doConvert(PyObject* obj, const ConversionState&) {
-    if (!PyBytes_Check(obj)) return fromBuffer(factory(), obj);
+std::optional<Array> PyBytesToUint8::doConvert(PyObject* obj, const ConversionState& state) {
+    if (!PyBytes_Check(obj)) return fromBuffer(factory(), obj, state.budget);
     return uint8Row(factory(), PyBytes_AsString(obj), PyBytes_Size(obj));
 }
 
-std::optional<Array> PyByteArrayToUint8::doConvert(PyObject* obj, const ConversionState&) {
-    if (!PyByteArray_Check(obj)) return fromBuffer(factory(), obj);
+std::optional<Array> PyByteArrayToUint8::doConvert(PyObject* obj, const ConversionState& state) {
+    if (!PyByteArray_Check(obj)) return fromBuffer(factory(), obj, state.budget);
     return uint8Row(factory(), PyByteArray_AsString(obj), PyByteArray_Size(obj));
 }
 

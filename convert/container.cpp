@@ -66,14 +66,15 @@ std::optional<Array> cellOfIterable(ArrayFactory& f, PyObject* obj, const Conver
 
 // Converts a container once per call: a container met again shares its first conversion (budget.h).
 template <typename Convert>
-std::optional<Array> convertShared(PyObject* obj, Convert&& convert) {
+std::optional<Array> convertShared(PyObject* obj, CallBudget* budget, Convert&& convert) {
     RecursionGuard guard(kIntoVeltra);
     if (!guard) return failed();
-    std::optional<Array> earlier = reuseShared(obj);
+    if (!budget) return convert();
+    std::optional<Array> earlier = budget->reuse(obj);
     if (earlier || PyErr_Occurred()) return earlier;
-    const CallBudget::Counts since = budgetCounts();
+    const CallBudget::Counts since = budget->counts();
     std::optional<Array> result = convert();
-    if (result) rememberShared(obj, *result, since);
+    if (result) budget->remember(obj, *result, since);
     return result;
 }
 
@@ -95,7 +96,7 @@ std::optional<std::string> fieldName(PyObject* key) {
 }  // namespace
 
 std::optional<Array> PyListToCell::doConvert(PyObject* obj, const ConversionState& state) {
-    return convertShared(obj, [&]() -> std::optional<Array> {
+    return convertShared(obj, state.budget, [&]() -> std::optional<Array> {
         if (!PyList_Check(obj)) return cellOfIterable(factory(), obj, state);
         return cellOf(factory(), PyList_Size(obj), state, [obj](Py_ssize_t i) {
             // An element's conversion can run Python code that shrinks the list: then this raises IndexError.
@@ -108,7 +109,7 @@ std::optional<Array> PyListToCell::doConvert(PyObject* obj, const ConversionStat
 }
 
 std::optional<Array> PyTupleToCell::doConvert(PyObject* obj, const ConversionState& state) {
-    return convertShared(obj, [&]() -> std::optional<Array> {
+    return convertShared(obj, state.budget, [&]() -> std::optional<Array> {
         if (!PyTuple_Check(obj)) return cellOfIterable(factory(), obj, state);
         return cellOf(factory(), PyTuple_Size(obj), state,
                       [obj](Py_ssize_t i) { return Ref::borrow(PyTuple_GetItem(obj, i)); });
@@ -116,7 +117,7 @@ std::optional<Array> PyTupleToCell::doConvert(PyObject* obj, const ConversionSta
 }
 
 std::optional<Array> PySetToCell::doConvert(PyObject* obj, const ConversionState& state) {
-    return convertShared(obj, [&]() -> std::optional<Array> {
+    return convertShared(obj, state.budget, [&]() -> std::optional<Array> {
         if (!PyAnySet_Check(obj)) return cellOfIterable(factory(), obj, state);
         const Py_ssize_t n = PySet_Size(obj);
         const Ref copy = Ref::steal(PySet_New(obj));  // popped from in the set's own order
@@ -127,7 +128,7 @@ std::optional<Array> PySetToCell::doConvert(PyObject* obj, const ConversionState
 
 // A dict, or any other mapping that claims the name: its keys() and the value of each key.
 std::optional<Array> PyDictToStruct::doConvert(PyObject* obj, const ConversionState& state) {
-    return convertShared(obj, [&]() -> std::optional<Array> {
+    return convertShared(obj, state.budget, [&]() -> std::optional<Array> {
         const bool dict = PyDict_Check(obj);
         if (!dict && !PyMapping_Check(obj)) return failUnsupportedType(obj);
         const Ref keys = Ref::steal(dict ? PyDict_Keys(obj) : PyMapping_Keys(obj));

@@ -59,7 +59,7 @@ bool settled(bool produced, const std::type_info& converter) {
 
 std::optional<Array> ToArrayConverter::convert(PyObject* obj, const ConversionState& state) {
     if (!obj) return fail(PyExc_RuntimeError, pyutil::kNullObject);
-    if (!chargeValue()) return failed();
+    if (state.budget && !state.budget->chargeValue()) return failed();
     std::optional<Array> result;
     try {
         result = doConvert(obj, state);
@@ -69,7 +69,7 @@ std::optional<Array> ToArrayConverter::convert(PyObject* obj, const ConversionSt
     }
     if (!settled(result.has_value(), typeid(*this))) return failed();
     if (result->getType() == ArrayType::UNKNOWN) return failUnsupportedType(obj);
-    if (!chargePayload(*result)) return failed();
+    if (state.budget && !state.budget->chargePayload(*result)) return failed();
     return result;
 }
 

@@ -31,6 +31,8 @@ using pyutil::fail;
 using pyutil::failed;
 using pyutil::Ref;
 
+class CallBudget;
+
 // Flags that travel with every Python-to-array conversion.
 struct ConversionState {
     // First flag: text may become a string scalar rather than a char array.
@@ -41,8 +43,11 @@ struct ConversionState {
     // a list always travels as a char array.
     bool notNested = false;
 
+    // What one call may still produce (budget.h); null: not counted.
+    CallBudget* budget = nullptr;
+
     // What the module's top level passes.
-    static ConversionState topLevel() { return ConversionState{true, false, true}; }
+    static ConversionState topLevel(CallBudget* budget = nullptr) { return ConversionState{true, false, true, budget}; }
     // What a container passes to each of its elements.
     ConversionState forElement() const {
         ConversionState s = *this;

@@ -50,14 +50,14 @@ std::optional<Array> fromCapsule(PyObject* obj, ArrayType type) {
 }
 
 // Entries 2, 1, 3: acquire the buffer, copy it, release the buffer handle on every path.
-std::optional<Array> fromBuffer(PyObject* obj) {
+std::optional<Array> fromBuffer(PyObject* obj, CallBudget* budget) {
     const VeltraArrayCapi* capi = capsule();
     if (!capi) return fail(PyExc_TypeError, pyutil::kCapsuleIsNull);
     uint32_t type = 0;
     PyObject* raw = capi->acquire_buffer(obj, &type);
     if (!raw) return failed();  // entry 2's own error says why
     BufferHandle handle(capi, raw);
-    if (!wouldFit(capi->buffer_bytes(raw))) return failed();  // before the copy is allocated
+    if (budget && !budget->wouldFit(capi->buffer_bytes(raw))) return failed();  // before the copy is allocated
     return fromCapsule(handle.get(), static_cast<ArrayType>(type));
 }
 
@@ -80,12 +80,12 @@ std::optional<Array> VCPyLogicalToLogical::doConvert(PyObject* obj, const Conver
     return fromCapsule(obj, ArrayType::LOGICAL);
 }
 
-std::optional<Array> BufferProtocolObjectToBuffer::doConvert(PyObject* obj, const ConversionState&) {
+std::optional<Array> BufferProtocolObjectToBuffer::doConvert(PyObject* obj, const ConversionState& state) {
     if (!PyObject_CheckBuffer(obj)) return failUnsupportedType(obj);  // only claims to be a memoryview
-    return fromBuffer(obj);
+    return fromBuffer(obj, state.budget);
 }
 
-std::optional<Array> NumpyNDArrayObjectToBuffer::doConvert(PyObject* obj, const ConversionState&) {
+std::optional<Array> NumpyNDArrayObjectToBuffer::doConvert(PyObject* obj, const ConversionState& state) {
     Ref dtype = getAttribute(obj, "dtype");
     if (!dtype) return failed();
     Ref kindObj = getAttribute(dtype.get(), "kind");
@@ -100,7 +100,7 @@ std::optional<Array> NumpyNDArrayObjectToBuffer::doConvert(PyObject* obj, const 
     }
     const char kind = kindText[0];
     if (kind == 'M' || kind == 'm') return convertNumpyTimeKind(kind);
-    return fromBuffer(obj);
+    return fromBuffer(obj, state.budget);
 }
 
 PyObject* ConvertVDAToVCPyArray::doConvert(const Array& a) {

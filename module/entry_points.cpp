@@ -43,8 +43,8 @@ constexpr std::size_t kHugePageWorthwhile = std::size_t{8} << 20;
 PyObject* buildParams(PyObject* obj, std::int32_t nargout) {
     std::optional<Array> args;
     {
-        detail::CallBudget budget;  // counts what the conversion produces; see convert/budget.h
-        args = detail::convertToArray(obj, ConversionState::topLevel());
+        detail::CallBudget budget;  // what the conversion may still produce; see convert/budget.h
+        args = detail::convertToArray(obj, ConversionState::topLevel(&budget));
     }
     if (!args) return nullptr;
 
