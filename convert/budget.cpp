@@ -30,20 +30,11 @@ bool CallBudget::checkValues() {
     return PyErr_CheckSignals() == 0;
 }
 
-bool CallBudget::checkBytes() const {
-    return counts_.bytes <= kMaxMessageBytes || failTooLarge(counts_.bytes);
-}
-
-bool CallBudget::chargePayload(const Array& a) {
-    const ArrayType type = a.getType();
-    if (!foundation::veltradata::isRawBufferType(type)) return true;
-    counts_.bytes += a.getNumberOfElements() * foundation::veltradata::elementSize(type);
-    return checkBytes();
-}
-
-bool CallBudget::wouldFit(std::uint64_t bytes) const {
-    if (bytes <= kMaxMessageBytes - counts_.bytes) return true;
-    return failTooLarge(bytes > UINT64_MAX - counts_.bytes ? UINT64_MAX : counts_.bytes + bytes);
+bool CallBudget::chargeBytes(std::uint64_t bytes) {
+    if (bytes > kMaxMessageBytes - counts_.bytes)
+        return failTooLarge(bytes > UINT64_MAX - counts_.bytes ? UINT64_MAX : counts_.bytes + bytes);
+    counts_.bytes += bytes;
+    return true;
 }
 
 std::optional<Array> CallBudget::reuse(PyObject* container) {
@@ -51,13 +42,11 @@ std::optional<Array> CallBudget::reuse(PyObject* container) {
     auto it = shared_.find(container);
     if (it == shared_.end()) return std::nullopt;
     const Counts more = it->second.counts;
+    if (!chargeBytes(more.bytes)) return failed();
     const std::uint64_t before = counts_.values;
     counts_.values += more.values;
-    counts_.bytes += more.bytes;
-    const bool ok = counts_.values <= kMaxValues && before / kSignalEvery == counts_.values / kSignalEvery
-                        ? checkBytes()
-                        : checkValues() && checkBytes();
-    if (!ok) return failed();
+    if ((counts_.values > kMaxValues || before / kSignalEvery != counts_.values / kSignalEvery) && !checkValues())
+        return failed();
     return it->second.array;
 }
 

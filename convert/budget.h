@@ -39,10 +39,10 @@ public:
         ++counts_.values;
         return (counts_.values & (kSignalEvery - 1)) != 0 && counts_.values <= kMaxValues ? true : checkValues();
     }
-    // The payload bytes of a converted value; false with ValueError set past the message limit.
-    bool chargePayload(const Array& a);
-    // Whether `bytes` more would still fit; false with ValueError set otherwise. Nothing is charged.
-    bool wouldFit(std::uint64_t bytes) const;
+    // Payload bytes about to be copied; false with ValueError set past the message limit. Charged where
+    // payloads can be large (numeric arrays, bytes, text), before the copy; one-element values are bounded by
+    // the value count, and the finished message is measured exactly anyway.
+    bool chargeBytes(std::uint64_t bytes);
 
     // The earlier conversion of a container met again (its counts charged again), or nothing. An empty
     // result with an error set means the charge failed.
@@ -53,7 +53,6 @@ public:
 private:
     static constexpr std::uint64_t kSignalEvery = 4096;
     bool checkValues();
-    bool checkBytes() const;
 
     struct Shared {
         Array array;

@@ -69,7 +69,6 @@ std::optional<Array> ToArrayConverter::convert(PyObject* obj, const ConversionSt
     }
     if (!settled(result.has_value(), typeid(*this))) return failed();
     if (result->getType() == ArrayType::UNKNOWN) return failUnsupportedType(obj);
-    if (state.budget && !state.budget->chargePayload(*result)) return failed();
     return result;
 }
 

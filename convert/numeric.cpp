@@ -57,27 +57,35 @@ std::optional<Array> fromBuffer(PyObject* obj, CallBudget* budget) {
     PyObject* raw = capi->acquire_buffer(obj, &type);
     if (!raw) return failed();  // entry 2's own error says why
     BufferHandle handle(capi, raw);
-    if (budget && !budget->wouldFit(capi->buffer_bytes(raw))) return failed();  // before the copy is allocated
+    if (budget && !budget->chargeBytes(capi->buffer_bytes(raw))) return failed();  // before the copy is allocated
     return fromCapsule(handle.get(), static_cast<ArrayType>(type));
+}
+
+// A package object's array, shared rather than copied, still goes into the message whole.
+std::optional<Array> charged(std::optional<Array> a, CallBudget* budget) {
+    if (!a || !budget) return a;
+    const std::uint64_t bytes = a->getNumberOfElements() * foundation::veltradata::elementSize(a->getType());
+    if (!budget->chargeBytes(bytes)) return failed();
+    return a;
 }
 
 }  // namespace
 
 template <ArrayType Kind>
-std::optional<Array> VCPyTypedToTyped<Kind>::doConvert(PyObject* obj, const ConversionState&) {
+std::optional<Array> VCPyTypedToTyped<Kind>::doConvert(PyObject* obj, const ConversionState& state) {
     Ref isComplex = getAttribute(obj, "_is_complex");
     if (!isComplex) return failed();
     const int truth = PyObject_IsTrue(isComplex.get());
     if (truth < 0) return failed();
-    return fromCapsule(obj, truth ? foundation::veltradata::complexTypeOf(Kind) : Kind);
+    return charged(fromCapsule(obj, truth ? foundation::veltradata::complexTypeOf(Kind) : Kind), state.budget);
 }
 
 #define VELTRA_INSTANTIATE(KIND, T, NAME, TO_PYTHON) template class VCPyTypedToTyped<ArrayType::KIND>;
 VELTRA_NUMERIC_KINDS(VELTRA_INSTANTIATE)
 #undef VELTRA_INSTANTIATE
 
-std::optional<Array> VCPyLogicalToLogical::doConvert(PyObject* obj, const ConversionState&) {
-    return fromCapsule(obj, ArrayType::LOGICAL);
+std::optional<Array> VCPyLogicalToLogical::doConvert(PyObject* obj, const ConversionState& state) {
+    return charged(fromCapsule(obj, ArrayType::LOGICAL), state.budget);
 }
 
 std::optional<Array> BufferProtocolObjectToBuffer::doConvert(PyObject* obj, const ConversionState& state) {

@@ -84,7 +84,7 @@ std::optional<Array> PyStrToCharOrString::doConvert(PyObject* obj, const Convers
     if (!state.allowString || !state.notNested) {
         // Char data goes from the codec's buffer straight into the array.
         std::optional<Utf16Bytes> encoded = encodeUtf16(obj);
-        if (!encoded) return failed();
+        if (!encoded || (state.budget && !state.budget->chargeBytes(2 * encoded->units))) return failed();
         return factory().createArrayWithData(ArrayType::CHAR, {1, encoded->units}, encoded->data,
                                              encoded->units * sizeof(char16_t));
     }
