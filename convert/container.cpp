@@ -43,7 +43,8 @@ std::optional<Array> cellOf(ArrayFactory& f, Py_ssize_t n, const ConversionState
         if (!element) return failed();
         elements.push_back(std::move(*element));
     }
-    return std::move(f.createCellArray({1, static_cast<std::uint64_t>(n)}, std::move(elements)));
+    Array cell = f.createCellArray({1, static_cast<std::uint64_t>(n)}, std::move(elements));
+    return cell;
 }
 
 // A 1-by-N cell of what iterating `obj` gives: the way in for objects that only claim a container's name. The
@@ -61,7 +62,8 @@ std::optional<Array> cellOfIterable(ArrayFactory& f, PyObject* obj, const Conver
     }
     if (PyErr_Occurred()) return failed();
     const std::uint64_t n = elements.size();
-    return std::move(f.createCellArray({1, n}, std::move(elements)));
+    Array cell = f.createCellArray({1, n}, std::move(elements));
+    return cell;
 }
 
 // Converts a container once per call: a container met again shares its first conversion (budget.h).

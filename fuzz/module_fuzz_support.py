@@ -1,7 +1,5 @@
 """What the atheris harnesses over py_pb (fuzz/fuzz_module_*.py) share: the outcomes reading a result may
-have, and the switch that leaves out findings already reported."""
-
-import os
+have."""
 
 import py_pb
 
@@ -13,10 +11,6 @@ UNREADABLE = "<built-in function serialized_str_to_py> returned NULL without set
 # for (TypeError), values refused (ValueError), text that UTF-16 does not carry (a lone surrogate,
 # UnicodeDecodeError, a ValueError).
 READ_ERRORS = (TypeError, ValueError)
-
-# FUZZ_SKIP_KNOWN=1: leave out inputs that reach findings already reported and not fixed yet, so that a run
-# can look for new ones meanwhile.
-SKIP_KNOWN = os.environ.get("FUZZ_SKIP_KNOWN", "") not in ("", "0")
 
 
 class Unexpected(AssertionError):

@@ -3,8 +3,8 @@
 # fuzzer coverage (clang, build/asan-py), stages them with the veltra package, and runs every harness
 # fuzz/fuzz_module_*.py for FUZZ_SECONDS (default 60) over its corpus in build/asan-py/corpus, seeded from
 # fuzz/corpus. Exits non-zero when any harness finds a crash, a sanitizer report or an unexpected exception;
-# the input is kept in build/asan-py/artifacts. FUZZ_SKIP_KNOWN=1 leaves out inputs that reach findings
-# already reported. JOBS sets the build parallelism (default 2); PYTHON the interpreter (default .venv).
+# the input is kept in build/asan-py/artifacts. Then runs the tests of hostile inputs against the same build.
+# JOBS sets the build parallelism (default 2); PYTHON the interpreter (default .venv).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 PY=${PYTHON:-$PWD/.venv/bin/python}
@@ -59,6 +59,10 @@ for harness in fuzz/fuzz_module_*.py; do
     grep -E '^(Done|stat::)' "$log" || tail -n 12 "$log"
   fi
 done
+
+echo "== hostile-input tests against the sanitizer build"
+"$PY" -m pytest -q -p no:cacheprovider tests/python/test_py_pb_hostile.py -k "impostor or field_name or shared" \
+  || failed+=(test_py_pb_hostile)
 
 if [ "${#failed[@]}" -ne 0 ]; then
   echo "!! findings in: ${failed[*]}"

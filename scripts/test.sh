@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up (scripts/setup.sh) and runs every test: C++ unit tests, the same under AddressSanitizer and
-# UndefinedBehaviorSanitizer, a bounded libFuzzer run over the result reader, and the Python tests.
+# UndefinedBehaviorSanitizer, a bounded libFuzzer run over the result reader, bounded atheris runs over the
+# module against a sanitizer build of the extensions (scripts/fuzz_module.sh), and the Python tests.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/setup.sh
@@ -34,6 +35,9 @@ for target in build/fuzz/fuzz_*; do
   "$target" -max_total_time="$FUZZ_SECONDS" -rss_limit_mb=2048 -artifact_prefix=build/fuzz/ -max_len=65536 -print_final_stats=1 \
     "$corpus" $( [ -d "$seeds" ] && echo "$seeds" ) 2>&1 | tail -n 12
 done
+
+echo "== fuzzing py_pb (atheris, ASan and UBSan) for ${FUZZ_SECONDS}s per harness"
+FUZZ_SECONDS="$FUZZ_SECONDS" JOBS="$JOBS" ./scripts/fuzz_module.sh
 
 echo "== Python tests"
 "$PY" -m pytest -q tests/python
