@@ -1,5 +1,6 @@
 #include "convert/container.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -8,12 +9,10 @@
 #include "convert/dispatch.h"
 #include "convert/recursion_guard.h"
 #include "convert/text.h"
-#include "pyutil/type_name.h"
 
 namespace PythonVeltraDataArray::detail {
 
 using foundation::veltradata::StructArray;
-using foundation::veltradata::TypedArray;
 
 namespace {
 
@@ -35,7 +34,8 @@ std::optional<Array> cellOf(ArrayFactory& f, Py_ssize_t n, const ConversionState
     if (n < 0) return failed();
     const ConversionState inner = state.forElement();
     std::vector<Array> elements;
-    elements.reserve(static_cast<std::size_t>(n));
+    // No more than the budget allows: a longer container fails on the way.
+    elements.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(n, CallBudget::kMaxValues)));
     for (Py_ssize_t i = 0; i < n; ++i) {
         const Ref value = item(i);
         if (!value) return failed();
