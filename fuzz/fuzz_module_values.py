@@ -348,6 +348,10 @@ class Gen:
             else:
                 out = set()
                 for x in items:
+                    # Hashing a tuple walks all of it, every shared occurrence again: a tower of shared
+                    # tuples would take the harness itself exponential time.
+                    if isinstance(x, tuple):
+                        continue
                     try:
                         out.add(x)
                     except Exception:
