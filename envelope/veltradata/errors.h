@@ -7,7 +7,7 @@
 namespace foundation::veltradata {
 
 inline constexpr const char* kIndexOutOfRange = "Array index is out of range.";
-inline constexpr const char* kUnknownDataType = "Unknown DataType field in foundation::veltradata::detail::Array.";
+inline constexpr const char* kUnknownDataType = "Unknown DataType field in veltra::data::Array.";
 
 class ArrayException : public std::runtime_error {
 public:

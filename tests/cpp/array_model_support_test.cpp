@@ -99,7 +99,7 @@ TEST(ArrayModelUtf16, LoneSurrogatesBecomeReplacementCharacters) {
 
 TEST(ArrayModelTexts, TheTwoFixedMessages) {
     EXPECT_STREQ(IndexOutOfRangeException().what(), "Array index is out of range.");
-    EXPECT_STREQ(InvalidArrayTypeException().what(), "Unknown DataType field in foundation::veltradata::detail::Array.");
+    EXPECT_STREQ(InvalidArrayTypeException().what(), "Unknown DataType field in veltra::data::Array.");
     // Every library exception is a std::exception whose text is all a caller reads.
     const std::exception& e = TypeMismatchException("t");
     EXPECT_STREQ(e.what(), "t");

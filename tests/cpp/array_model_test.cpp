@@ -25,7 +25,7 @@ using array_model_test::sample;
 using array_model_test::thrownMessage;
 
 constexpr const char* kOutOfRange = "Array index is out of range.";
-constexpr const char* kUnknown = "Unknown DataType field in foundation::veltradata::detail::Array.";
+constexpr const char* kUnknown = "Unknown DataType field in veltra::data::Array.";
 
 // ---------------------------------------------------------------------------------------------------------
 // Typed views over every raw element type.
