@@ -46,8 +46,6 @@ std::string formatIndex(const std::vector<std::uint64_t>& index) {
 
 std::string formatDims(const std::vector<std::uint64_t>& dims) { return formatIndex(dims); }
 
-std::string reprOf(PyObject* obj) { return pyutil::shortRepr(obj); }
-
 std::string formatDouble(double v) {
     char* s = PyOS_double_to_string(v, 'r', 0, Py_DTSF_ADD_DOT_0, nullptr);
     if (!s) {

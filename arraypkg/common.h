@@ -19,6 +19,7 @@ using pyutil::check;
 using pyutil::PyErrorSet;
 using pyutil::raise;
 using pyutil::Ref;
+using pyutil::shortRepr;
 using pyutil::typeName;
 
 // Sets the Python error for the exception being handled. Call only inside a catch block.

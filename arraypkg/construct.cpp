@@ -95,7 +95,7 @@ Leaf classify(PyObject* o, Ref& out) {
 
 [[noreturn]] void notANumber(PyObject* o, const std::vector<std::uint64_t>& path) {
     raise(PyExc_TypeError, "initializer element at index " + formatIndex(path) + " is not a number: " +
-                               (path.empty() ? typeName(o) : reprOf(o) + " of type " + typeName(o)));
+                               (path.empty() ? typeName(o) : shortRepr(o) + " of type " + typeName(o)));
 }
 
 class Walker {
@@ -195,7 +195,7 @@ void storeLeaf(PyObject* v, Leaf kind, ArrayType to, std::uint8_t* dst) {
                 PyErr_Clear();
             }
             ElementError e;
-            e.value = reprOf(v);
+            e.value = shortRepr(v);
             e.reason = "is out of range for " + kindName(real);
             throw e;
         }
@@ -343,9 +343,9 @@ std::vector<std::uint64_t> parseSize(PyObject* size, const char* what) {
         int overflow = 0;
         const long long v = PyLong_AsLongLongAndOverflow(i.get(), &overflow);
         if (v == -1 && PyErr_Occurred()) throw PyErrorSet{};
-        if (overflow > 0) raise(PyExc_ValueError, std::string(what) + " " + reprOf(size) + " is too large");
+        if (overflow > 0) raise(PyExc_ValueError, std::string(what) + " " + shortRepr(size) + " is too large");
         if (overflow < 0 || v < 0) {
-            raise(PyExc_ValueError, std::string(what) + " must not contain negative dimensions: " + reprOf(item) +
+            raise(PyExc_ValueError, std::string(what) + " must not contain negative dimensions: " + shortRepr(item) +
                                         " at position " + std::to_string(position));
         }
         dims.push_back(static_cast<std::uint64_t>(v));

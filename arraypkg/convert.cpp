@@ -73,7 +73,7 @@ std::string formatValue(const T& v) {
             PyErr_Clear();
             return "?";
         }
-        return reprOf(c.get());
+        return shortRepr(c.get());
     } else {
         return formatReal(v);
     }

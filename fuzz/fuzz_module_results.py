@@ -20,6 +20,7 @@ import atheris
 import numpy as np
 
 import module_fuzz_support as support
+from veltra.loopback import _len_field, _varint
 from veltra.wire import messages
 
 M = messages()
@@ -45,25 +46,14 @@ MAX_NODES = 200
 MAX_ELEMENTS = 4096
 
 
-def varint(n):
-    n &= (1 << 64) - 1
-    out = bytearray()
-    while True:
-        b = n & 0x7F
-        n >>= 7
-        if n:
-            out.append(b | 0x80)
-        else:
-            out.append(b)
-            return bytes(out)
+# The wire's own encoders, as the loopback writes results with them.
+varint, len_field = _varint, _len_field
 
 
 def key(field, wire_type):
     return varint(field << 3 | wire_type)
 
 
-def len_field(field, payload):
-    return key(field, 2) + varint(len(payload)) + payload
 
 
 class Builder:
