@@ -29,9 +29,6 @@ void setErrorFromCurrentException() noexcept;
 std::string formatIndex(const std::vector<std::uint64_t>& index);
 std::string formatDims(const std::vector<std::uint64_t>& dims);
 
-// repr() of a Python object as UTF-8, cut after 100 characters; "<unprintable>" when repr fails.
-std::string reprOf(PyObject* obj);
-
 // Python's repr of a float ("1.5", "nan", "1e+300").
 std::string formatDouble(double v);
 
