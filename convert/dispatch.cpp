@@ -9,9 +9,12 @@
 
 #include "convert/bytes.h"
 #include "convert/container.h"
+#include "convert/datetime.h"
+#include "convert/duration.h"
 #include "convert/error_converters.h"
 #include "convert/module_state.h"
 #include "convert/numeric.h"
+#include "convert/objects.h"
 #include "convert/scalar.h"
 #include "convert/text.h"
 #include "pyutil/messages.h"
@@ -72,17 +75,17 @@ void fillTypeRegistry(TypeRegistry& r, const std::shared_ptr<ArrayFactory>& f) {
     r.add<BufferProtocolObjectToBuffer>("memoryview", f, &PyMemoryView_Type);
     r.add<NullToError>("NULL", f);
     r.add<NotYetConvertible>("veltra.object", f);                   // PyObjectToObject
-    r.add<NotYetConvertible>("datetime.datetime", f);               // PyDatetimeToDatetime
-    r.add<NotYetConvertible>("numpy.datetime64", f);                // PyNumpyDatetime64ScalarToDatetime
-    r.add<NotYetConvertible>("datetime.timedelta", f);              // PyTimedeltaToDuration
-    r.add<NotYetConvertible>("numpy.timedelta64", f);               // PyNumpyTimedelta64ToDuration
+    r.add<PyDatetimeToDatetime>("datetime.datetime", f);
+    r.add<PyNumpyDatetime64ScalarToDatetime>("numpy.datetime64", f);
+    r.add<PyTimedeltaToDuration>("datetime.timedelta", f);
+    r.add<PyNumpyTimedelta64ToDuration>("numpy.timedelta64", f);
     r.add<NotYetConvertible>("veltra.dictionary", f);               // PyDictionaryToDictionary
     r.add<NotYetConvertible>("pandas.DataFrame", f);                // PyDataFrameToTable
     r.add<NotYetConvertible>("pandas.core.frame.DataFrame", f);     // PyDataFrameToTable
-    r.add<NotYetConvertible>("pandas.Timestamp", f);                // PyDatetimeToDatetime
-    r.add<NotYetConvertible>("pandas._libs.tslibs.timestamps.Timestamp", f);  // PyDatetimeToDatetime
-    r.add<NotYetConvertible>("pandas.Timedelta", f);                // PyTimedeltaToDuration
-    r.add<NotYetConvertible>("pandas._libs.tslibs.timedeltas.Timedelta", f);  // PyTimedeltaToDuration
+    r.add<PyDatetimeToDatetime>("pandas.Timestamp", f);
+    r.add<PyDatetimeToDatetime>("pandas._libs.tslibs.timestamps.Timestamp", f);
+    r.add<PyTimedeltaToDuration>("pandas.Timedelta", f);
+    r.add<PyTimedeltaToDuration>("pandas._libs.tslibs.timedeltas.Timedelta", f);
 #define VELTRA_ADD_PACKAGE_TYPE(KIND, T, NAME, TO_PYTHON) \
     r.add<VCPyTypedToTyped<ArrayType::KIND>>(std::string("veltra.") + NAME, f);
     VELTRA_NUMERIC_KINDS(VELTRA_ADD_PACKAGE_TYPE)
@@ -140,9 +143,8 @@ void fillKindRegistries(KindRegistries& r, const std::shared_ptr<ArrayFactory>& 
 #undef VELTRA_ADD_NUMERIC
     r.add<CellToPyList>(ArrayType::CELL, f);
     r.add<StructToPyDict>(ArrayType::STRUCT, f);
-    // Value objects (dates, durations, tables, dictionaries) and handle references: later work.
-    r.add<ObjectsNotYetConvertible>(ArrayType::VALUE_OBJECT, f);
-    r.add<ObjectsNotYetConvertible>(ArrayType::HANDLE_OBJECT_REF, f);
+    r.add<VeltraObjectToPyObject>(ArrayType::VALUE_OBJECT, f);
+    r.add<VeltraObjectToPyObject>(ArrayType::HANDLE_OBJECT_REF, f);
 }
 
 std::once_flag g_registriesOnce;

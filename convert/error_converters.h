@@ -12,13 +12,9 @@ VELTRA_TO_ARRAY_CONVERTER(NullToError);
 // TypeError "passing 'None' to VELTRA not supported".
 VELTRA_TO_ARRAY_CONVERTER(PyNoneToError);
 
-// Holds the registry place of a type whose converter is not part of the module yet (veltra.object, dates,
-// durations, veltra.dictionary and other mappings, DataFrames): refuses with the unsupported-type TypeError
+// Holds the registry place of a type whose converter is not part of the module yet (veltra.object,
+// veltra.dictionary and other mappings, DataFrames): refuses with the unsupported-type TypeError
 // naming the object's type, so such values are never converted wrongly by a fallback.
 VELTRA_TO_ARRAY_CONVERTER(NotYetConvertible);
-
-// Value objects and handle object references: their conversions (dates, durations, tables, veltra.object)
-// arrive later. TypeError naming the value object's class, or the handle kind.
-VELTRA_TO_PYTHON_CONVERTER(ObjectsNotYetConvertible);
 
 }  // namespace PythonVeltraDataArray::detail

@@ -1,6 +1,9 @@
 #include "convert/numeric.h"
 
 #include "convert/budget.h"
+#include "convert/datetime.h"
+#include "convert/dispatch.h"
+#include "convert/duration.h"
 #include "convert/module_state.h"
 #include "convert/py_helpers.h"
 #include "pyutil/messages.h"
@@ -29,11 +32,13 @@ private:
     PyObject* handle_;
 };
 
-// The datetime64 ("M") and timedelta64 ("m") kinds belong to the time converters, which are not part of the
-// module yet. This is the one place that refuses them; it becomes a hand-over once those converters exist.
-std::optional<Array> convertNumpyTimeKind(char kind) {
-    return fail(PyExc_TypeError, kind == 'M' ? "conversion of numpy datetime64 arrays to VELTRA not supported yet"
-                                             : "conversion of numpy timedelta64 arrays to VELTRA not supported yet");
+// The datetime64 ("M") and timedelta64 ("m") kinds go to the time converters, never to the capsule (numpy
+// exports no buffer for them).
+std::optional<Array> convertNumpyTimeKind(char kind, PyObject* obj, const ConversionState& state) {
+    static const std::shared_ptr<ArrayFactory> factory = VDAPBConverter::Factory::instance()->arrayFactory();
+    static PyNumpyDatetime64ArrayToDatetime datetimes(factory);
+    static PyNumpyTimedelta64ToDuration durations(factory);
+    return kind == 'M' ? datetimes.convert(obj, state) : durations.convert(obj, state);
 }
 
 // Capsule entry 1 on (obj, obj, type): the package's own array for a package object, or one column-major copy
@@ -107,7 +112,7 @@ std::optional<Array> NumpyNDArrayObjectToBuffer::doConvert(PyObject* obj, const 
         return fail(PyExc_AttributeError, kKindNotText);
     }
     const char kind = kindText[0];
-    if (kind == 'M' || kind == 'm') return convertNumpyTimeKind(kind);
+    if (kind == 'M' || kind == 'm') return convertNumpyTimeKind(kind, obj, state);
     return fromBuffer(obj, state.budget);
 }
 

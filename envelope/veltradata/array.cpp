@@ -540,6 +540,18 @@ const Array* cellElements(const Array& a) {
     return a.impl().get<std::vector<Array>>().data();
 }
 
+const VeltraString* stringElements(const Array& a) {
+    detail::checkViewKind(a, ArrayType::VELTRA_STRING);
+    return a.impl().get<std::vector<VeltraString>>().data();
+}
+
+const ValueObject* valueObjects(const Array& a) {
+    detail::checkViewKind(a, ArrayType::VALUE_OBJECT);
+    return a.impl().get<detail::ObjectStorage>().objects.data();
+}
+
+std::uint8_t* mutableElementBytes(Array& a) { return detail::rawData(a, true); }
+
 Array Array::adoptHandle(void* handle) noexcept { return Array(static_cast<ArrayImpl*>(handle)); }
 
 void* Array::shareHandle() const noexcept {

@@ -6,6 +6,7 @@
 #include <complex>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -81,6 +82,12 @@ bool isSparse(const Array& a);
 const std::uint8_t* elementBytes(const Array& a);
 // The elements of a cell array in column-major order. Throws TypeMismatchException for other kinds.
 const Array* cellElements(const Array& a);
+// The elements of a string array, or of a value-object array, in column-major order. Throw
+// TypeMismatchException for other kinds.
+const std::optional<std::u16string>* stringElements(const Array& a);
+const ValueObject* valueObjects(const Array& a);
+// The element bytes of a numeric, logical or char array for writing, detached from other holders first.
+std::uint8_t* mutableElementBytes(Array& a);
 
 // ---- Element types of the typed views ----
 

@@ -1,0 +1,38 @@
+// Points in time <-> the engine's "datetime" value object. Two forms travel:
+//  - field form: TimeZone (1x1 string) and Year, Month, Day, Hour, Minute (int64), Second (double), written
+//    for standard-library and pandas datetimes and read back as datetime.datetime;
+//  - text form: DateString, a string array holding the ISO text numpy prints for each element (or "NaT"),
+//    written for numpy datetime64 scalars and arrays and read back as numpy datetime64 values.
+#pragma once
+
+#include "convert/converter.h"
+
+namespace PythonVeltraDataArray::detail {
+
+// datetime.datetime and pandas timestamps (anything with the datetime attributes) -> field form. The zone:
+// a ZoneInfo's key, a fixed offset as "+HH:MM:SS" (the sign taken from the hours alone), "" when naive;
+// TypeError for other tzinfo classes. Sub-microsecond parts are not read.
+VELTRA_TO_ARRAY_CONVERTER(PyDatetimeToDatetime);
+
+// numpy.datetime64 -> text form, DateString 1x1: str() of the scalar.
+VELTRA_TO_ARRAY_CONVERTER(PyNumpyDatetime64ScalarToDatetime);
+
+// A numpy array of kind "M" -> text form, DateString of the array's shape in column-major order; the same
+// texts str() gives per element, made without a Python call per element.
+VELTRA_TO_ARRAY_CONVERTER(PyNumpyDatetime64ArrayToDatetime);
+
+// Element 0 as double -> int, rounded half away from zero. ValueError "array is empty"; NaN: ValueError
+// "conversion of VELTRA datetime scalar 'NaT' to Python not supported".
+VELTRA_TO_PYTHON_CONVERTER(DoubleToPyLong);
+
+// Element 0 as double seconds -> (seconds, microseconds), microseconds rounded half away from zero.
+// ValueError "array is empty"; NaN as in DoubleToPyLong.
+VELTRA_TO_PYTHON_CONVERTER(DoubleToPySecondsAndMicroseconds);
+
+// A "datetime" value object -> Python. One element: datetime.datetime from the field form (with a tzinfo
+// when the zone says so), or, in the text form, numpy.datetime64 for a 1x1 DateString and a datetime64 array
+// of its shape otherwise. Other element counts: a datetime64[ns] array of the engine's shape (datetime64[us]
+// when a date lies outside what nanoseconds can count), NaT for missing texts.
+PyObject* datetimeToPython(const Array& a);
+
+}  // namespace PythonVeltraDataArray::detail

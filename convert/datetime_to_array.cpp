@@ -1,0 +1,162 @@
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "convert/budget.h"
+#include "convert/datetime.h"
+#include "convert/numpy_time.h"
+#include "convert/py_helpers.h"
+#include "convert/text.h"
+#include "pyutil/type_name.h"
+
+namespace PythonVeltraDataArray::detail {
+
+namespace {
+
+using foundation::veltradata::VeltraClassIdentifier;
+using foundation::veltradata::VeltraPropertyIdentifier;
+using foundation::veltradata::ValueObjectArray;
+using foundation::veltradata::VeltraString;
+
+// The identifiers of both forms, made once.
+struct DatetimeIds {
+    VeltraClassIdentifier cls{"datetime"};
+    VeltraPropertyIdentifier timeZone{"TimeZone"}, dateString{"DateString"};
+    std::vector<VeltraPropertyIdentifier> zoneList{timeZone};
+    std::vector<VeltraPropertyIdentifier> fieldList{
+        VeltraPropertyIdentifier("Year"),   VeltraPropertyIdentifier("Month"),  VeltraPropertyIdentifier("Day"),
+        VeltraPropertyIdentifier("Hour"),   VeltraPropertyIdentifier("Minute"), VeltraPropertyIdentifier("Second")};
+    std::vector<VeltraPropertyIdentifier> textList{dateString};
+};
+const DatetimeIds& ids() {
+    static const DatetimeIds kIds;
+    return kIds;
+}
+
+// "+HH:MM:SS" of a fixed offset. Each part truncates toward zero and the sign is the hours' alone, so minus
+// thirty minutes reads "+00:30:00".
+std::u16string offsetText(long long days, long long seconds, long long microseconds) {
+    const __int128 ms128 = (static_cast<__int128>(days) * 86400 + seconds) * 1000 + microseconds / 1000;
+    const __int128 h = ms128 / 3600000, m = (ms128 - h * 3600000) / 60000, s = (ms128 - h * 3600000 - m * 60000) / 1000;
+    auto abs = [](__int128 v) { return static_cast<unsigned long long>(v < 0 ? -v : v); };
+    char buf[96];
+    std::snprintf(buf, sizeof buf, "%c%02llu:%02llu:%02llu", h < 0 ? '-' : '+', abs(h), abs(m), abs(s));
+    return std::u16string(buf, buf + std::char_traits<char>::length(buf));
+}
+
+// The TimeZone text of datetime `dt`; false with the error set.
+bool timeZoneText(PyObject* dt, std::u16string& out) {
+    out.clear();
+    Ref tz = Ref::steal(PyObject_GetAttrString(dt, "tzinfo"));
+    if (!tz) {
+        if (!PyErr_ExceptionMatches(PyExc_AttributeError)) return false;
+        PyErr_Clear();  // no tzinfo at all: naive
+        return true;
+    }
+    const std::string type = pyutil::typeName(tz.get());
+    if (type == "NoneType") return true;
+    if (type == "zoneinfo.ZoneInfo") {
+        Ref key = Ref::steal(PyObject_GetAttrString(tz.get(), "key"));
+        if (key && PyUnicode_Check(key.get())) {
+            std::optional<std::u16string> text = pyUnicodeToUtf16(key.get());
+            if (text) out = std::move(*text);
+        }
+        PyErr_Clear();  // a key that is missing or not text: no zone name
+        return true;
+    }
+    if (type == "datetime.timezone") {
+        Ref offset = callMethod(dt, "utcoffset");
+        if (!offset) return false;
+        long long days = 0, seconds = 0, microseconds = 0;
+        if (!getInt64Attribute(offset.get(), "days", days) || !getInt64Attribute(offset.get(), "seconds", seconds) ||
+            !getInt64Attribute(offset.get(), "microseconds", microseconds))
+            return false;
+        out = offsetText(days, seconds, microseconds);
+        return true;
+    }
+    return fail(PyExc_TypeError,
+                "conversion of VELTRA datetime object with time zone with type '" + type + "' to Python not supported");
+}
+
+// Upper bound of the UTF-16 text numpy prints per element at a unit (years of four digits), for the budget.
+std::uint64_t textUnits(TimeUnit unit) {
+    static constexpr std::uint8_t kUnits[] = {4, 7, 10, 10, 13, 16, 19, 23, 26, 29, 32, 35, 38, 3};
+    return kUnits[static_cast<int>(unit)];
+}
+
+}  // namespace
+
+std::optional<Array> PyDatetimeToDatetime::doConvert(PyObject* obj, const ConversionState&) {
+    const DatetimeIds& id = ids();
+    ValueObjectArray value = factory().createValueObjectScalar(factory().createClassInfo(id.cls, id.zoneList, id.fieldList));
+
+    std::u16string zone;
+    if (!timeZoneText(obj, zone)) return failed();
+    value.setProperty(0, id.timeZone, factory().createScalar(zone));
+
+    static const char* const kFields[] = {"year", "month", "day", "hour", "minute"};
+    for (int k = 0; k < 5; ++k) {
+        long long v = 0;
+        if (!getInt64Attribute(obj, kFields[k], v)) return failed();
+        value.setProperty(0, id.fieldList[static_cast<std::size_t>(k)], factory().createScalar<std::int64_t>(v));
+    }
+    long long second = 0, microsecond = 0;
+    if (!getInt64Attribute(obj, "second", second) || !getInt64Attribute(obj, "microsecond", microsecond))
+        return failed();
+    const double seconds = static_cast<double>(microsecond) / 1e6 + static_cast<double>(second);
+    value.setProperty(0, id.fieldList[5], factory().createScalar<double>(seconds));
+    return Array(std::move(value));
+}
+
+std::optional<Array> PyNumpyDatetime64ScalarToDatetime::doConvert(PyObject* obj, const ConversionState&) {
+    Ref text = callMethod(obj, "__str__");
+    if (!text) return failed();
+    if (!PyUnicode_Check(text.get())) return fail(PyExc_TypeError, "__str__ returned non-string");
+    std::optional<std::u16string> units = pyUnicodeToUtf16(text.get());
+    if (!units) return failed();
+    const DatetimeIds& id = ids();
+    ValueObjectArray value = factory().createValueObjectScalar(id.cls, id.textList);
+    value.setProperty(0, id.dateString, factory().createScalar(*units));
+    return Array(std::move(value));
+}
+
+std::optional<Array> PyNumpyDatetime64ArrayToDatetime::doConvert(PyObject* obj, const ConversionState& state) {
+    TimeArrayValues values;
+    if (!values.open(obj)) return failed();
+    const std::uint64_t n = values.size();
+    if (state.budget && !state.budget->chargeBytes(n * (2 * textUnits(values.unit()) + 2))) return failed();
+
+    std::vector<VeltraString> texts;
+    texts.reserve(n);
+    Ref int64Type;  // numpy.int64, for the elements numpy must print itself
+    std::u16string text;
+    const bool ok = values.forEachColumnMajor([&](std::int64_t v) {
+        if (!pollSignals()) return false;
+        text.clear();
+        if (!formatDatetime(v, values.unit(), values.count(), text)) {
+            if (!int64Type) {
+                Ref numpy = importNumpy();
+                if (!numpy) return false;
+                int64Type = Ref::steal(PyObject_GetAttrString(numpy.get(), "int64"));
+                if (!int64Type) return false;
+            }
+            Ref raw = Ref::steal(PyObject_CallFunction(int64Type.get(), "L", static_cast<long long>(v)));
+            Ref scalar = raw ? Ref::steal(PyObject_CallMethod(raw.get(), "view", "O", values.dtype())) : Ref();
+            Ref str = scalar ? callMethod(scalar.get(), "__str__") : Ref();
+            if (!str) return false;
+            std::optional<std::u16string> units = pyUnicodeToUtf16(str.get());
+            if (!units) return false;
+            text = std::move(*units);
+        }
+        texts.emplace_back(text);
+        return true;
+    });
+    if (!ok) return failed();
+
+    const DatetimeIds& id = ids();
+    ValueObjectArray value = factory().createValueObjectScalar(id.cls, id.textList);
+    value.setProperty(0, id.dateString, factory().createStringArray(values.dims(), std::move(texts)));
+    return Array(std::move(value));
+}
+
+}  // namespace PythonVeltraDataArray::detail

@@ -1,0 +1,339 @@
+#include <algorithm>
+#include <cmath>
+#include <regex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "convert/budget.h"
+#include "convert/datetime.h"
+#include "convert/dispatch.h"
+#include "convert/numpy_time.h"
+#include "convert/scalar.h"
+#include "convert/text.h"
+
+namespace PythonVeltraDataArray::detail {
+
+namespace {
+
+using foundation::veltradata::ValueObject;
+using foundation::veltradata::VeltraPropertyIdentifier;
+using foundation::veltradata::VeltraString;
+
+constexpr char kNaTScalar[] = "conversion of VELTRA datetime scalar 'NaT' to Python not supported";
+
+// The properties read in this direction, made once. TimeStamp and LowOrderTimeStamp are the engine's own
+// encoding; the calendar fields and DateString are what is read.
+struct ReadIds {
+    VeltraPropertyIdentifier timeStamp{"TimeStamp"}, lowOrderTimeStamp{"LowOrderTimeStamp"};
+    VeltraPropertyIdentifier fields[5] = {VeltraPropertyIdentifier("Year"), VeltraPropertyIdentifier("Month"),
+                                          VeltraPropertyIdentifier("Day"), VeltraPropertyIdentifier("Hour"),
+                                          VeltraPropertyIdentifier("Minute")};
+    VeltraPropertyIdentifier second{"Second"}, timeZone{"TimeZone"}, dateString{"DateString"};
+};
+const ReadIds& ids() {
+    static const ReadIds kIds;
+    return kIds;
+}
+
+// The process-wide helper converters.
+struct Helpers {
+    Int64ToPyLong int64ToLong;
+    DoubleToPyLong doubleToLong;
+    DoubleToPySecondsAndMicroseconds seconds;
+    CharToPyStr charToStr;
+    VLStringToPyStr stringToStr;
+    explicit Helpers(const std::shared_ptr<ArrayFactory>& f)
+        : int64ToLong(f), doubleToLong(f), seconds(f), charToStr(f), stringToStr(f) {}
+};
+Helpers& helpers() {
+    static Helpers kHelpers(VDAPBConverter::Factory::instance()->arrayFactory());
+    return kHelpers;
+}
+
+// Element 0 of a numeric array as double; false with ValueError for an empty one.
+bool firstAsDouble(const Array& a, double& x) {
+    if (a.isEmpty()) return fail(PyExc_ValueError, "array is empty");
+    x = a[0].castTo<double>();
+    if (std::isnan(x)) return fail(PyExc_ValueError, kNaTScalar);
+    return true;
+}
+
+// ---- the time zone of a scalar ----
+
+struct TimeZoneDescription {
+    Ref name, hours, minutes, seconds;
+    bool failed = false;
+};
+
+pyutil::Failure zoneNotSupported(const std::string& what) {
+    return fail(PyExc_ValueError, "conversion of VELTRA datetime object with time zone " + what + " to Python not supported");
+}
+
+TimeZoneDescription readTimeZone(const ValueObject& v) {
+    TimeZoneDescription d;
+    const ReadIds& id = ids();
+    if (!v.hasProperty(id.timeZone)) return d;
+    const Array& zone = v[id.timeZone];
+    if (zone.isEmpty()) return d;
+    if (zone.getType() == ArrayType::CHAR) {
+        d.name = Ref::steal(helpers().charToStr.convert(zone));
+    } else if (zone.getType() == ArrayType::VELTRA_STRING) {
+        if (!foundation::veltradata::stringElements(zone)[0]) {
+            zoneNotSupported("'<missing>'");
+            d.failed = true;
+            return d;
+        }
+        d.name = Ref::steal(helpers().stringToStr.convert(zone));
+    } else {
+        zoneNotSupported("with type '" + std::to_string(static_cast<int>(zone.getType())) + "'");
+        d.failed = true;
+        return d;
+    }
+    if (!d.name) {
+        d.failed = true;
+        return d;
+    }
+    Py_ssize_t size = 0;
+    const char* utf8 = PyUnicode_AsUTF8AndSize(d.name.get(), &size);
+    if (!utf8) {
+        d.name.reset();
+        d.failed = true;
+        return d;
+    }
+    const std::string text(utf8, static_cast<std::size_t>(size));
+    if (text.empty()) {
+        d.name.reset();
+        return d;
+    }
+    if (text == "UTC") return d;  // a zoneinfo zone, not a fixed offset
+    if (text == "UTCLeapSeconds") {
+        zoneNotSupported("'UTCLeapSeconds'");
+        d.name.reset();
+        d.failed = true;
+        return d;
+    }
+    static const std::regex kOffset("^([-+]?\\d{1,2})[:]?(\\d{1,2})?[:]?(\\d{1,2})?", std::regex::ECMAScript);
+    std::smatch m;
+    if (!std::regex_search(text, m, kOffset)) return d;  // a zone name
+    if (m.size() < 2 || m.size() > 4) {
+        fail(PyExc_ValueError, "time zone of VELTRA datetime object does not match the expected format '[+-]HH[:mm[:ss]]'");
+        d.failed = true;
+        return d;
+    }
+    // The sign belongs to the hours alone: "-05:30" is minus five hours plus thirty minutes.
+    auto group = [&m](std::size_t k) { return k < m.size() && m[k].matched ? std::stol(m[k].str()) : 0L; };
+    d.hours = Ref::steal(PyLong_FromLong(group(1)));
+    d.minutes = Ref::steal(PyLong_FromLong(group(2)));
+    d.seconds = Ref::steal(PyLong_FromLong(group(3)));
+    d.name.reset();
+    if (!d.hours || !d.minutes || !d.seconds) d.failed = true;
+    return d;
+}
+
+// The tzinfo the description asks for (null without an error when it asks for none).
+Ref makeTzinfo(const TimeZoneDescription& d, PyObject* datetimeModule) {
+    if (d.hours) {
+        Ref timedelta = Ref::steal(PyObject_GetAttrString(datetimeModule, "timedelta"));
+        Ref timezone = Ref::steal(PyObject_GetAttrString(datetimeModule, "timezone"));
+        Ref args = Ref::steal(PyTuple_New(0));
+        Ref kwargs = Ref::steal(Py_BuildValue("{s:O,s:O,s:O}", "hours", d.hours.get(), "minutes", d.minutes.get(),
+                                              "seconds", d.seconds.get()));
+        if (!timedelta || !timezone || !args || !kwargs) return Ref();
+        Ref delta = Ref::steal(PyObject_Call(timedelta.get(), args.get(), kwargs.get()));
+        if (!delta) return Ref();
+        return Ref::steal(PyObject_CallFunction(timezone.get(), "(O)", delta.get()));
+    }
+    Ref zoneinfo = Ref::steal(PyImport_ImportModule("zoneinfo"));
+    if (!zoneinfo) return Ref();
+    return Ref::steal(PyObject_CallMethod(zoneinfo.get(), "ZoneInfo", "(O)", d.name.get()));
+}
+
+// ---- texts of the text form ----
+
+// The DateString of one element as UTF-16 (missing: not-a-time). False with ValueError for other kinds.
+bool dateStringOf(const Array& prop, std::uint64_t index, std::u16string_view& out) {
+    if (prop.getType() == ArrayType::VELTRA_STRING && index >= prop.getNumberOfElements()) {
+        out = std::u16string_view();  // an empty DateString: nothing to read, not-a-time
+        return true;
+    }
+    if (prop.getType() == ArrayType::VELTRA_STRING) {
+        const VeltraString& s = foundation::veltradata::stringElements(prop)[index];
+        out = s ? std::u16string_view(*s) : std::u16string_view();
+        return true;
+    }
+    if (prop.getType() == ArrayType::CHAR && index == 0) {
+        out = std::u16string_view(reinterpret_cast<const char16_t*>(foundation::veltradata::elementBytes(prop)),
+                                  static_cast<std::size_t>(prop.getNumberOfElements()));
+        return true;
+    }
+    return fail(PyExc_ValueError, "conversion of VELTRA datetime object with DateString of type '" +
+                                      std::to_string(static_cast<int>(prop.getType())) + "' to Python not supported");
+}
+
+Ref pyText(std::u16string_view text) {
+    return Ref::steal(PyUnicode_DecodeUTF16(reinterpret_cast<const char*>(text.data()),
+                                            static_cast<Py_ssize_t>(text.size() * 2), "surrogatepass", nullptr));
+}
+
+// The texts of a datetime array as one numpy datetime64 array. `text(i, view)` yields element i's text.
+// The unit: `start` when given (the engine's arrays: nanoseconds), otherwise the finest unit any text has, as
+// numpy infers it; coarsened to microseconds (then milliseconds, seconds) when a date lies beyond what the
+// unit can count, so that nothing wraps. Texts in other forms than numpy's own are read by numpy, one by one.
+template <typename TextAt>
+PyObject* datetimeArray(std::uint64_t n, const foundation::veltradata::Dims& dims, std::optional<TimeUnit> start,
+                        TextAt&& textAt) {
+    std::unordered_map<std::uint64_t, std::u16string> rewritten;  // numpy's own form of texts we do not read
+    Ref numpy;
+    auto parse = [&](std::uint64_t i, DatetimeText& t) -> bool {
+        std::u16string_view text;
+        if (!textAt(i, text)) return false;
+        auto it = rewritten.find(i);
+        if (it != rewritten.end()) text = it->second;
+        if (parseDatetime(text, t)) return true;
+        if (!numpy && !(numpy = importNumpy())) return false;
+        Ref str = pyText(text);
+        Ref value = str ? Ref::steal(PyObject_CallMethod(numpy.get(), "datetime64", "(O)", str.get())) : Ref();
+        Ref printed = value ? Ref::steal(PyObject_Str(value.get())) : Ref();
+        if (!printed) return false;
+        std::optional<std::u16string> units = pyUnicodeToUtf16(printed.get());
+        if (!units) return false;
+        if (!parseDatetime(*units, t))
+            return fail(PyExc_ValueError, "datetime " + pyutil::shortRepr(printed.get()) +
+                                              " is outside the range numpy datetime64 arrays can hold");
+        rewritten.emplace(i, std::move(*units));
+        return true;
+    };
+
+    // First pass: the unit.
+    TimeUnit unit = start.value_or(TimeUnit::Year);
+    DatetimeText t;
+    for (std::uint64_t i = 0; i < n; ++i) {
+        if (!pollSignals() || !parse(i, t)) return nullptr;
+        if (t.nat) continue;
+        if (!start && t.unit > unit) unit = t.unit;
+    }
+    for (std::uint64_t i = 0; i < n; ++i) {
+        if (!parse(i, t)) return nullptr;
+        std::int64_t v = 0;
+        while (!datetimeValue(t, unit, v)) {
+            if (unit <= TimeUnit::Second) return fail(PyExc_ValueError, "datetime outside the range numpy can hold");
+            unit = unit > TimeUnit::Micro ? TimeUnit::Micro : static_cast<TimeUnit>(static_cast<int>(unit) - 1);
+        }
+    }
+
+    TimeArrayBuilder out;
+    if (!out.start(n)) return nullptr;
+    std::int64_t* values = out.data();
+    for (std::uint64_t i = 0; i < n; ++i) {
+        if (!parse(i, t)) return nullptr;
+        datetimeValue(t, unit, values[i]);  // fits: checked above
+    }
+    if (!start && unit == TimeUnit::Year && std::all_of(values, values + n, [](std::int64_t v) { return v == kNaT; }))
+        return out.finish("datetime64", dims);  // only NaT: numpy's generic unit
+    return out.finish((std::string("datetime64[") + timeUnitName(unit) + "]").c_str(), dims);
+}
+
+// A 1x1 value object in the text form.
+PyObject* textFormScalar(const Array& dateString) {
+    const std::uint64_t n = dateString.getNumberOfElements();
+    if (n == 1 || dateString.getType() != ArrayType::VELTRA_STRING) {
+        std::u16string_view text;
+        if (!dateStringOf(dateString, 0, text)) return nullptr;
+        Ref numpy = importNumpy();
+        Ref str = numpy ? pyText(text.data() ? text : std::u16string_view(u"NaT")) : Ref();
+        if (!str) return nullptr;
+        return PyObject_CallMethod(numpy.get(), "datetime64", "(O)", str.get());
+    }
+    return datetimeArray(n, dateString.getDimensions(), std::nullopt,
+                         [&](std::uint64_t i, std::u16string_view& text) { return dateStringOf(dateString, i, text); });
+}
+
+// A 1x1 value object in the field form.
+PyObject* fieldFormScalar(const ValueObject& v, const TimeZoneDescription& zone) {
+    const ReadIds& id = ids();
+    Ref datetimeModule = Ref::steal(PyImport_ImportModule("datetime"));
+    if (!datetimeModule) return nullptr;
+    Ref datetimeType = Ref::steal(PyObject_GetAttrString(datetimeModule.get(), "datetime"));
+    if (!datetimeType) return nullptr;
+
+    Ref parts[7];
+    for (int k = 0; k < 5; ++k) {
+        if (!v.hasProperty(id.fields[k]))
+            return fail(PyExc_ValueError, "unable to find property '" + id.fields[k].getPropertyName() + "' in 'datetime' object");
+        const Array& field = v[id.fields[k]];
+        parts[k] = Ref::steal(field.getType() == ArrayType::INT64 ? helpers().int64ToLong.convert(field)
+                                                                  : helpers().doubleToLong.convert(field));
+        if (!parts[k]) return nullptr;
+    }
+    if (v.hasProperty(id.second)) {
+        Ref pair = Ref::steal(helpers().seconds.convert(v[id.second]));
+        if (!pair) return nullptr;
+        parts[5] = Ref::borrow(PyTuple_GetItem(pair.get(), 0));
+        parts[6] = Ref::borrow(PyTuple_GetItem(pair.get(), 1));
+    } else {
+        parts[5] = Ref::steal(PyLong_FromLong(0));
+        parts[6] = Ref::steal(PyLong_FromLong(0));
+    }
+    if (!parts[5] || !parts[6]) return nullptr;
+    Ref args = Ref::steal(Py_BuildValue("OOOOOOO", parts[0].get(), parts[1].get(), parts[2].get(), parts[3].get(),
+                                        parts[4].get(), parts[5].get(), parts[6].get()));
+    if (!args) return nullptr;
+    Ref kwargs;
+    if (zone.hours || zone.name) {
+        Ref tzinfo = makeTzinfo(zone, datetimeModule.get());
+        if (!tzinfo) return nullptr;
+        kwargs = Ref::steal(Py_BuildValue("{s:O}", "tzinfo", tzinfo.get()));
+        if (!kwargs) return nullptr;
+    }
+    return PyObject_Call(datetimeType.get(), args.get(), kwargs.get());
+}
+
+}  // namespace
+
+PyObject* DoubleToPyLong::doConvert(const Array& a) {
+    double x = 0;
+    if (!firstAsDouble(a, x)) return nullptr;
+    const double r = std::round(x);  // halves away from zero
+    if (std::fabs(r) < 9.2e18) return PyLong_FromLongLong(static_cast<long long>(r));
+    return PyLong_FromDouble(r);  // OverflowError for an infinity; datetime refuses the rest itself
+}
+
+PyObject* DoubleToPySecondsAndMicroseconds::doConvert(const Array& a) {
+    double x = 0;
+    if (!firstAsDouble(a, x)) return nullptr;
+    const double us = std::round(x * 1e6);
+    if (!(std::fabs(us) < 9.2e18)) {
+        Ref s = Ref::steal(PyLong_FromDouble(std::trunc(x)));
+        return s ? Py_BuildValue("(Oi)", s.get(), 0) : nullptr;
+    }
+    const long long whole = static_cast<long long>(us);
+    const long long s = whole / 1000000;
+    Ref seconds = Ref::steal(PyLong_FromLongLong(s));
+    Ref micro = Ref::steal(PyLong_FromLongLong(whole - s * 1000000));
+    if (!seconds || !micro) return nullptr;
+    return Py_BuildValue("OO", seconds.get(), micro.get());
+}
+
+PyObject* datetimeToPython(const Array& a) {
+    if (a.getType() != ArrayType::VALUE_OBJECT) return nullptr;
+    const ReadIds& id = ids();
+    const ValueObject* objects = foundation::veltradata::valueObjects(a);
+    const std::uint64_t n = a.getNumberOfElements();
+    if (n != 1) {
+        return datetimeArray(n, a.getDimensions(), TimeUnit::Nano, [&](std::uint64_t i, std::u16string_view& text) {
+            if (!objects[i].hasProperty(id.dateString))
+                return static_cast<bool>(fail(PyExc_ValueError, "unable to find property 'DateString' in 'datetime' object"));
+            return dateStringOf(objects[i][id.dateString], 0, text);
+        });
+    }
+    const ValueObject& v = objects[0];
+    const TimeZoneDescription zone = readTimeZone(v);
+    if (zone.failed) return nullptr;
+    bool fields = false;
+    for (const auto& f : id.fields) fields = fields || v.hasProperty(f);
+    if (!fields && v.hasProperty(id.dateString)) return textFormScalar(v[id.dateString]);
+    return fieldFormScalar(v, zone);
+}
+
+}  // namespace PythonVeltraDataArray::detail
