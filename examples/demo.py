@@ -10,6 +10,9 @@
 Run it with ./scripts/demo.sh (sets everything up first) or .venv/bin/python examples/demo.py.
 """
 
+import datetime
+import zoneinfo
+
 import numpy as np
 
 import py_pb
@@ -68,6 +71,12 @@ def describe(arr, label, indent="  "):
         nfields = len(arr.field_names)
         for i, element in enumerate(arr.elements):
             describe(element, f".{arr.field_names[i % nfields]}", indent + "    ")
+    elif arr.type == 27:
+        print(f"{head}  class {arr.class_name!r}")
+        for i, obj in enumerate(arr.objects):
+            at = f"({i})" if len(arr.objects) > 1 else ""
+            for prop in obj.properties:
+                describe(prop.value, f"{at}.{prop.name}", indent + "    ")
     else:
         print(head)
 
@@ -84,6 +93,10 @@ def show_python(value, label, indent="  "):
         print(f"{indent}{label}: list of {len(value)}")
         for i, v in enumerate(value):
             show_python(v, f"[{i}]", indent + "    ")
+    elif isinstance(value, datetime.datetime):
+        print(f"{indent}{label}: {kind} {value.isoformat()} in {value.tzinfo or 'no zone'}")
+    elif isinstance(value, datetime.timedelta):
+        print(f"{indent}{label}: {kind} {value} ({value.total_seconds() * 1000:g} ms)")
     elif type(value).__module__ == "veltra":
         view = np.asarray(value)
         rows = np.array2string(view).splitlines()
@@ -107,6 +120,9 @@ def main():
          "limits": {"max_iter": 200, "verbose": True}},
         b"\x00\x01\xfe\xff",                     # an opaque blob
         measurements,                            # a 2x4 numpy matrix
+        datetime.datetime(2024, 3, 14, 9, 30, 15, 250000,          # when they were taken, in a named zone
+                          tzinfo=zoneinfo.ZoneInfo("Europe/Paris")),
+        datetime.timedelta(minutes=1, seconds=30.5),                # how long the fit may run
     )
     for i, value in enumerate(inputs):
         print(f"  [{i}] {value!r}".replace("\n", "\n      "))
@@ -133,6 +149,10 @@ def main():
     back = np.asarray(outputs[5])
     print(f"  The matrix came back {'unchanged' if np.array_equal(back, measurements) else 'CHANGED'}; "
           f"the bytes read {bytes(np.asarray(outputs[4])).hex(' ')}.")
+    when, budget = outputs[6], outputs[7]
+    same = when == inputs[6] and when.tzinfo == inputs[6].tzinfo and budget == inputs[7]
+    print(f"  The timestamp ({when.astimezone(datetime.timezone.utc):%H:%M:%S} UTC) and the duration came back "
+          f"{'unchanged, zone included' if same else 'CHANGED'}.")
 
     print()
     print("== 5. An engine error is not raised: it comes back as a dict")
