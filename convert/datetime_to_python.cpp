@@ -188,8 +188,10 @@ PyObject* datetimeArray(std::uint64_t n, const foundation::veltradata::Dims& dim
     auto parse = [&](std::uint64_t i, DatetimeText& t) -> bool {
         std::u16string_view text;
         if (!textAt(i, text)) return false;
-        auto it = rewritten.find(i);
-        if (it != rewritten.end()) text = it->second;
+        if (!rewritten.empty()) {
+            auto it = rewritten.find(i);
+            if (it != rewritten.end()) text = it->second;
+        }
         if (parseDatetime(text, t)) return true;
         if (!numpy && !(numpy = importNumpy())) return false;
         Ref str = pyText(text);
@@ -205,29 +207,25 @@ PyObject* datetimeArray(std::uint64_t n, const foundation::veltradata::Dims& dim
         return true;
     };
 
-    // First pass: the unit.
+    // The unit: given, or the finest any text has (one pass over the texts).
     TimeUnit unit = start.value_or(TimeUnit::Year);
     DatetimeText t;
-    for (std::uint64_t i = 0; i < n; ++i) {
-        if (!pollSignals() || !parse(i, t)) return nullptr;
-        if (t.nat) continue;
-        if (!start && t.unit > unit) unit = t.unit;
-    }
-    for (std::uint64_t i = 0; i < n; ++i) {
-        if (!parse(i, t)) return nullptr;
-        std::int64_t v = 0;
-        while (!datetimeValue(t, unit, v)) {
-            if (unit <= TimeUnit::Second) return fail(PyExc_ValueError, "datetime outside the range numpy can hold");
-            unit = unit > TimeUnit::Micro ? TimeUnit::Micro : static_cast<TimeUnit>(static_cast<int>(unit) - 1);
+    if (!start) {
+        for (std::uint64_t i = 0; i < n; ++i) {
+            if (!pollSignals() || !parse(i, t)) return nullptr;
+            if (!t.nat && t.unit > unit) unit = t.unit;
         }
     }
-
+    // The counts; a date the unit cannot count makes it coarser, and the pass starts again.
     TimeArrayBuilder out;
     if (!out.start(n)) return nullptr;
     std::int64_t* values = out.data();
     for (std::uint64_t i = 0; i < n; ++i) {
-        if (!parse(i, t)) return nullptr;
-        datetimeValue(t, unit, values[i]);  // fits: checked above
+        if ((start && !pollSignals()) || !parse(i, t)) return nullptr;
+        if (datetimeValue(t, unit, values[i])) continue;
+        if (unit <= TimeUnit::Second) return fail(PyExc_ValueError, "datetime outside the range numpy can hold");
+        unit = unit > TimeUnit::Micro ? TimeUnit::Micro : static_cast<TimeUnit>(static_cast<int>(unit) - 1);
+        i = static_cast<std::uint64_t>(-1);
     }
     if (!start && unit == TimeUnit::Year && std::all_of(values, values + n, [](std::int64_t v) { return v == kNaT; }))
         return out.finish("datetime64", dims);  // only NaT: numpy's generic unit

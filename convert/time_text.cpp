@@ -15,11 +15,14 @@ constexpr std::array<const char*, 14> kUnitNames = {"Y",  "M",  "W",  "D",  "h",
 // Dates this far from 1970 are printed here; numpy's own arithmetic stays exact well beyond.
 constexpr std::int64_t kDayLimit = std::int64_t{1} << 40;
 
-constexpr i128 pow10(int n) {
-    i128 p = 1;
-    while (n-- > 0) p *= 10;
+constexpr std::array<std::uint64_t, 19> kPow10 = [] {
+    std::array<std::uint64_t, 19> p{};
+    p[0] = 1;
+    for (std::size_t k = 1; k < p.size(); ++k) p[k] = p[k - 1] * 10;
     return p;
-}
+}();
+// 10^n for 0 <= n <= 36.
+constexpr i128 pow10(int n) { return n <= 18 ? i128(kPow10[static_cast<std::size_t>(n)]) : i128(kPow10[18]) * kPow10[static_cast<std::size_t>(n - 18)]; }
 
 // Fraction digits of the second-or-finer units (Second has none).
 constexpr int fractionDigitsOf(TimeUnit u) { return 3 * (static_cast<int>(u) - static_cast<int>(TimeUnit::Second)); }
@@ -60,15 +63,19 @@ int daysInMonth(std::int64_t y, int m) {
 
 // Writes the decimal digits of v (>= 0), at least `width` of them, zero-padded; returns the new end.
 char16_t* putDigits(char16_t* p, std::uint64_t v, int width) {
-    char16_t tmp[24];
-    int n = 0;
-    do {
-        tmp[n++] = static_cast<char16_t>(u'0' + v % 10);
+    int n = 1;
+    for (std::uint64_t t = v / 10; t; t /= 10) ++n;
+    if (n < width) n = width;
+    for (int k = n - 1; k >= 0; --k) {
+        p[k] = static_cast<char16_t>(u'0' + v % 10);
         v /= 10;
-    } while (v);
-    while (n < width) tmp[n++] = u'0';
-    while (n) *p++ = tmp[--n];
-    return p;
+    }
+    return p + n;
+}
+char16_t* putTwo(char16_t* p, unsigned v) {
+    p[0] = static_cast<char16_t>(u'0' + v / 10);
+    p[1] = static_cast<char16_t>(u'0' + v % 10);
+    return p + 2;
 }
 
 // A year as C's "%04lld" writes it: the sign counts toward the width ("-030").
@@ -97,6 +104,9 @@ bool formatDatetime(std::int64_t value, TimeUnit unit, std::int64_t count, std::
     }
     if (unit == TimeUnit::Generic || count < 1) return false;
     const i128 total = static_cast<i128>(value) * count;  // in the base unit
+    // numpy multiplies in 64 bits: where that wraps, only its own str() prints what it prints.
+    if (total > std::numeric_limits<std::int64_t>::max() || total < std::numeric_limits<std::int64_t>::min())
+        return false;
     char16_t buf[64];
     char16_t* p = buf;
 
@@ -106,7 +116,7 @@ bool formatDatetime(std::int64_t value, TimeUnit unit, std::int64_t count, std::
         p = putYear(p, static_cast<std::int64_t>(years) + 1970);
         if (unit == TimeUnit::Month) {
             *p++ = u'-';
-            p = putDigits(p, static_cast<std::uint64_t>(total - years * 12) + 1, 2);
+            p = putTwo(p, static_cast<unsigned>(total - years * 12) + 1);
         }
         out.append(buf, p);
         return true;
@@ -121,41 +131,63 @@ bool formatDatetime(std::int64_t value, TimeUnit unit, std::int64_t count, std::
         case TimeUnit::Minute: perDay = 1440; break;
         default: perDay = 86400 * pow10(fractionDigitsOf(unit)); break;
     }
-    const i128 days = unit == TimeUnit::Week ? total * 7 : floorDiv(total, perDay);
+    i128 days = 0, rest = 0;
+    if (unit == TimeUnit::Week) {
+        days = total * 7;
+    } else if (perDay <= std::numeric_limits<std::int64_t>::max() && total > std::numeric_limits<std::int64_t>::min() &&
+               total <= std::numeric_limits<std::int64_t>::max()) {
+        // 64-bit division where it suffices: this loop runs once per element of large arrays.
+        const auto t64 = static_cast<std::int64_t>(total), d64 = static_cast<std::int64_t>(perDay);
+        std::int64_t q = t64 / d64, r = t64 % d64;
+        if (r < 0) {
+            --q;
+            r += d64;
+        }
+        days = q;
+        rest = r;
+    } else {
+        days = floorDiv(total, perDay);
+        rest = total - days * perDay;
+    }
     if (days > kDayLimit || days < -kDayLimit) return false;
-    const i128 rest = unit == TimeUnit::Week ? 0 : total - days * perDay;
 
     std::int64_t y = 0;
     int m = 0, d = 0;
     civilFromDays(static_cast<std::int64_t>(days), y, m, d);
     p = putYear(p, y);
     *p++ = u'-';
-    p = putDigits(p, static_cast<std::uint64_t>(m), 2);
+    p = putTwo(p, static_cast<unsigned>(m));
     *p++ = u'-';
-    p = putDigits(p, static_cast<std::uint64_t>(d), 2);
+    p = putTwo(p, static_cast<unsigned>(d));
     if (unit > TimeUnit::Day) {
-        i128 seconds = rest, fraction = 0;
+        // rest is below one day: a second count and a fraction below 10^18 both fit 64 bits.
+        std::uint64_t s = 0, fraction = 0;
         const int digits = unit >= TimeUnit::Second ? fractionDigitsOf(unit) : 0;
-        if (unit == TimeUnit::Hour) seconds = rest * 3600;
-        else if (unit == TimeUnit::Minute) seconds = rest * 60;
-        else {
-            seconds = rest / pow10(digits);
-            fraction = rest % pow10(digits);
+        if (unit == TimeUnit::Hour) {
+            s = static_cast<std::uint64_t>(rest) * 3600;
+        } else if (unit == TimeUnit::Minute) {
+            s = static_cast<std::uint64_t>(rest) * 60;
+        } else if (digits <= 18 && rest <= std::numeric_limits<std::int64_t>::max()) {
+            const auto scale = static_cast<std::uint64_t>(pow10(digits));
+            s = static_cast<std::uint64_t>(rest) / scale;
+            fraction = static_cast<std::uint64_t>(rest) % scale;
+        } else {
+            s = static_cast<std::uint64_t>(rest / pow10(digits));
+            fraction = static_cast<std::uint64_t>(rest % pow10(digits));
         }
-        const auto s = static_cast<std::uint64_t>(seconds);
         *p++ = u'T';
-        p = putDigits(p, s / 3600, 2);
+        p = putTwo(p, static_cast<unsigned>(s / 3600));
         if (unit >= TimeUnit::Minute) {
             *p++ = u':';
-            p = putDigits(p, s / 60 % 60, 2);
+            p = putTwo(p, static_cast<unsigned>(s / 60 % 60));
         }
         if (unit >= TimeUnit::Second) {
             *p++ = u':';
-            p = putDigits(p, s % 60, 2);
+            p = putTwo(p, static_cast<unsigned>(s % 60));
         }
         if (digits) {
             *p++ = u'.';
-            p = putDigits(p, static_cast<std::uint64_t>(fraction), digits);
+            p = putDigits(p, fraction, digits);
         }
     }
     out.append(buf, p);
@@ -172,13 +204,11 @@ bool parseDatetime(std::u16string_view text, DatetimeText& out) {
     std::size_t i = 0;
     const std::size_t n = text.size();
     auto digit = [&](std::size_t k) { return k < n && text[k] >= u'0' && text[k] <= u'9'; };
-    // Exactly `width` digits at i.
-    auto fixed = [&](int width, int& v) {
-        v = 0;
-        for (int k = 0; k < width; ++k, ++i) {
-            if (!digit(i)) return false;
-            v = v * 10 + (text[i] - u'0');
-        }
+    // Exactly two digits at i.
+    auto fixed = [&](int /*width: always 2*/, int& v) {
+        if (!digit(i) || !digit(i + 1)) return false;
+        v = (text[i] - u'0') * 10 + (text[i + 1] - u'0');
+        i += 2;
         return true;
     };
 
@@ -207,7 +237,9 @@ bool parseDatetime(std::u16string_view text, DatetimeText& out) {
     out.unit = TimeUnit::Day;
     if (i == n) return true;
 
-    if ((text[i] != u'T' && text[i] != u' ') || (++i, !fixed(2, out.hour)) || out.hour > 23) return false;
+    if (text[i] != u'T' && text[i] != u' ') return false;
+    ++i;
+    if (!fixed(2, out.hour) || out.hour > 23) return false;
     out.unit = TimeUnit::Hour;
     if (i == n) return true;
 

@@ -10,7 +10,7 @@ from veltra.loopback import loopback
 from veltra.wire import messages
 
 from conftest import (CELL, CHAR, DOUBLE, INT8, INT16, INT32, INT64, LOGICAL, SINGLE, STRING, STRUCT, UINT8, UINT16,
-                      UINT32, UINT64)
+                      UINT32, UINT64, VALUE_OBJECT)
 
 # Element dtype of each raw kind (complex kinds by their real part).
 REAL_DTYPE = {
@@ -71,6 +71,8 @@ def decode(a):
             return kind, dims, [{} for _ in range(int(np.prod(dims)))]
         elements = [a.elements[i:i + n] for i in range(0, len(a.elements), n)]
         return kind, dims, [{f: decode(v) for f, v in zip(names, e)} for e in elements]
+    if kind == VALUE_OBJECT:
+        return kind, dims, (a.class_name, [{p.name: decode(p.value) for p in o.properties} for o in a.objects])
     return kind, dims, None
 
 
@@ -118,6 +120,36 @@ def struct(names, elements, dims=None):
     """elements: one list of field values per struct element, in field order."""
     flat = [v for e in elements for v in e]
     return array(STRUCT, (1, len(elements)) if dims is None else dims, field_names=list(names), elements=flat)
+
+
+def value_object(class_name, elements, dims=None):
+    """A value-object array of one class; elements: one {property name: VELTRA_Array} per element."""
+    a = array(VALUE_OBJECT, (1, len(elements)) if dims is None else dims, class_name=class_name)
+    for props in elements:
+        o = a.objects.add()
+        for name, value in props.items():
+            o.properties.add(name=name, value=value)
+    return a
+
+
+def datetime_fields(year, month, day, hour=0, minute=0, second=0.0, zone="", kind=INT64):
+    """A 1x1 engine datetime in the field form: the calendar fields as `kind`, the zone as a string scalar
+    (or any array given instead)."""
+    props = {"TimeZone": strings([zone]) if isinstance(zone, str) else zone}
+    for name, v in zip(["Year", "Month", "Day", "Hour", "Minute"], [year, month, day, hour, minute]):
+        props[name] = numeric(kind, [v], (1, 1))
+    props["Second"] = numeric(DOUBLE, [second], (1, 1))
+    return value_object("datetime", [props], (1, 1))
+
+
+def datetime_texts(texts, dims=None):
+    """An engine datetime array: one element per text (None: a missing string) holding its DateString."""
+    return value_object("datetime", [{"DateString": strings([t])} for t in texts], dims)
+
+
+def duration(millis, dims=None):
+    """An engine duration: millis (flat, column-major) in the given shape."""
+    return value_object("duration", [{"millis": numeric(DOUBLE, millis, dims)}], (1, 1))
 
 
 def result(*outputs):

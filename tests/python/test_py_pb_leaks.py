@@ -7,13 +7,17 @@ import gc
 import sys
 import tracemalloc
 
+import zoneinfo
+
 import numpy as np
+import pandas as pd
 import pytest
 
 import py_pb
 import veltramultidimarrayforpython as vpkg
 from conftest import DOUBLE, ENUM, HANDLE, LOGICAL, SINGLE, SPARSE_DOUBLE, VALUE_OBJECT, named, rss_kib
-from py_pb_peer import array as pb_array, cell, char, numeric, result, strings, struct
+from py_pb_peer import (array as pb_array, cell, char, datetime_fields, datetime_texts, duration, numeric, result, strings,
+                        struct)
 from veltra.loopback import error_result, loopback
 from veltra.wire import messages
 
@@ -25,6 +29,10 @@ def _raise(self):
 
 
 FakeFloat = named("builtins", "float", __float__=lambda self: 1.5)
+FakeZone = type("FakeZone", (datetime.tzinfo,), {"utcoffset": lambda self, dt: None})
+FakeDatetime = named("datetime", "datetime", year=2020, month=1)  # no day
+FakeTimedelta = named("datetime", "timedelta", days=1, seconds=2.5, microseconds=0)
+FakeTimedelta64 = named("numpy", "timedelta64")
 BadFloat = named("builtins", "float")
 BadBool = named("builtins", "bool", __bool__=_raise)
 Unknown = named("somewhere", "Unknown")
@@ -79,6 +87,12 @@ TO_BYTES_OK = [
     ((big_text, big_bytes, bytearray(big_bytes)), {}),
     ((memoryview(big_bytes), vpkg.double([[1.0, 2.0]]), vpkg.logical([True])), {}),
     ((FakeFloat(),), {}),
+    ((datetime.datetime(2020, 1, 1, 2, 3, 4, 5, tzinfo=zoneinfo.ZoneInfo("Europe/Paris")),
+      datetime.datetime(2020, 1, 1, tzinfo=datetime.timezone(datetime.timedelta(hours=-5))), datetime.datetime(1, 1, 1),
+      pd.Timestamp("2020-01-01 01:02:03.456789123", tz="UTC"), np.datetime64("2020-01-01"),
+      np.arange(BIG // 32).astype("M8[ns]").reshape(-1, 2), np.array(["2300-01-01", "NaT"], "M8[s]")), {}),
+    ((datetime.timedelta(days=-1, microseconds=5), pd.Timedelta(3, "s"), np.timedelta64(7, "us"),
+      np.arange(BIG // 8).astype("m8[us]").reshape(2, -1)), {}),
 ]
 TO_BYTES_FAIL = [
     ((None,), {}, TypeError),
@@ -94,7 +108,10 @@ TO_BYTES_FAIL = [
     ((_deep(250),), {}, ValueError),  # refused by the message writer
     ((object(),), {}, TypeError),
     ((Unknown(),), {}, TypeError),
-    ((datetime.datetime(2020, 1, 1),), {}, TypeError),
+    ((datetime.datetime(2020, 1, 1, tzinfo=FakeZone()),), {}, TypeError),
+    ((FakeDatetime(),), {}, IndexError),
+    ((FakeTimedelta(),), {}, TypeError),
+    ((FakeTimedelta64(),), {}, TypeError),
     ((collections.OrderedDict(a=1),), {}, TypeError),
     ((BadFloat(),), {}, TypeError),
     ((BadBool(),), {}, ZeroDivisionError),
@@ -132,6 +149,10 @@ FROM_BYTES_OK = [
     result(numeric(DOUBLE, [1.0, 2.0]), numeric(LOGICAL, [True, False]), numeric(7, list(range(256)) * 64)),
     error_result("m" * BIG, "id:x", [("f", "g", 1)] * 50),
     error_result("no identifier"),
+    result(datetime_fields(2024, 2, 29, 23, 59, 59.999999, "Europe/Paris"), datetime_fields(1, 1, 1, zone="-05:30"),
+           datetime_fields(2024.5, 1, 1, zone=char("UTC"), kind=DOUBLE), datetime_texts(["2024-01-01", None, "2300-01-01"]),
+           datetime_texts(["2024-01-01T10:00"] * (BIG // 32), (2, BIG // 64)), duration([1500.0]),
+           duration(list(range(BIG // 8)), (2, BIG // 16)), duration([1e19, 2.0])),
 ]
 FROM_BYTES_FAIL = [
     (result(cell([numeric(DOUBLE, [1.0])] * 4, (2, 2))), ValueError),
@@ -141,7 +162,13 @@ FROM_BYTES_FAIL = [
     (result(cell([char("ok" * BIG), pb_array(SPARSE_DOUBLE, (2, 2), b"\0" * 8, sparse_rows=[0], sparse_cols=[0])])),
      TypeError),
     (result(pb_array(ENUM, (1, 1), class_name="C", enum_names=["x"])), TypeError),
-    (result(_value_object()), TypeError),
+    (result(_value_object()), ValueError),
+    (result(datetime_fields(2024, 1, 1, zone="UTCLeapSeconds")), ValueError),
+    (result(datetime_fields(2024, 1, 1, zone="Nowhere/Land")), zoneinfo.ZoneInfoNotFoundError),
+    (result(datetime_fields(*[float("nan")] * 6, kind=DOUBLE)), ValueError),
+    (result(datetime_texts(["2024-01-01", "not a date"])), ValueError),
+    (result(duration([float("nan")])), ValueError),
+    (result(duration([float("inf"), 1.0])), OverflowError),
     (result(_handle()), TypeError),
     (result(struct(["u"], [[pb_array(0, ())]])), TypeError),
     (result(strings(["ok" * BIG, "\ud800"])), UnicodeDecodeError),
