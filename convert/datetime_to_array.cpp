@@ -109,6 +109,12 @@ std::optional<Array> PyDatetimeToDatetime::doConvert(PyObject* obj, const Conver
 }
 
 std::optional<Array> PyNumpyDatetime64ScalarToDatetime::doConvert(PyObject* obj, const ConversionState&) {
+    // Only numpy's own scalars: any other text would reach the engine as a date it cannot read.
+    Ref numpy = importNumpy();
+    Ref type = numpy ? Ref::steal(PyObject_GetAttrString(numpy.get(), "datetime64")) : Ref();
+    const int real = type ? PyObject_IsInstance(obj, type.get()) : -1;
+    if (real < 0) return failed();
+    if (!real) return failUnsupportedType(obj);
     Ref text = callMethod(obj, "__str__");
     if (!text) return failed();
     if (!PyUnicode_Check(text.get())) return fail(PyExc_TypeError, "__str__ returned non-string");
