@@ -4,6 +4,7 @@
 // trusts nothing: every count is checked against what the message carries before anything is allocated.
 #include "serialization.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <limits>
@@ -490,7 +491,8 @@ Array decodeAt(Span s, ArrayFactory& factory, int depth) { return decodeArray(s.
 
 // A singular message field that occurs more than once is merged, which for protobuf means parsing the
 // concatenation of its occurrences.
-Array decodeMerged(const std::vector<Span>& spans, ArrayFactory& factory, int depth) {
+template <typename Spans>
+Array decodeMerged(const Spans& spans, ArrayFactory& factory, int depth) {
     if (spans.empty()) return Array();
     if (spans.size() == 1) return decodeAt(spans[0], factory, depth);
     std::string joined;
@@ -501,7 +503,9 @@ Array decodeMerged(const std::vector<Span>& spans, ArrayFactory& factory, int de
 ValueObject decodeObject(Span msg, const ClassInfo& arrayInfo, ArrayFactory& factory, int depth) {
     bool hasClass = false;
     Span className;
-    std::vector<Span> props, first, second;
+    // Engine arrays of dates and the like hold millions of small objects: their lists start inline.
+    wire::SmallVector<Span, 4> props;
+    std::vector<Span> first, second;
     forEachField(msg, "VELTRA_ValueObject", [&](int field, WireType wt, Reader& r) {
         if (wt != wire::kLen) return false;
         switch (field) {
@@ -517,10 +521,11 @@ ValueObject decodeObject(Span msg, const ClassInfo& arrayInfo, ArrayFactory& fac
     ValueObject obj(hasClass ? ClassInfo(VeltraClassIdentifier(text(className, kObjClass)), propertyNames(first, kObjFirst),
                                          propertyNames(second, kObjSecond))
                              : arrayInfo);
-    std::unordered_set<std::string> names;
+    std::unordered_set<std::string> names;  // only for objects with many properties
+    constexpr std::size_t kFewProperties = 8;
     for (Span p : props) {
         Span name;
-        std::vector<Span> values;
+        wire::SmallVector<Span, 1> values;
         forEachField(p, "VELTRA_Property", [&](int field, WireType wt, Reader& r) {
             if (wt != wire::kLen) return false;
             if (field == kPropName) name = readLen(r, field);
@@ -529,7 +534,10 @@ ValueObject decodeObject(Span msg, const ClassInfo& arrayInfo, ArrayFactory& fac
             return true;
         });
         std::string n = text(name, kPropName);
-        if (!names.insert(n).second) malformed("a value object element has the property '" + n + "' twice");
+        const bool repeated = props.size() <= kFewProperties
+                                  ? std::any_of(obj.begin(), obj.end(), [&n](const Property& q) { return q.getIdentifier().getPropertyName() == n; })
+                                  : !names.insert(n).second;
+        if (repeated) malformed("a value object element has the property '" + n + "' twice");
         obj.appendProperty(VeltraPropertyIdentifier(std::move(n)), decodeMerged(values, factory, depth + 1));
     }
     return obj;
