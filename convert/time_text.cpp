@@ -220,7 +220,8 @@ bool parseDatetime(std::u16string_view text, DatetimeText& out) {
     const std::size_t yearStart = i;
     std::int64_t year = 0;
     while (digit(i)) {
-        if (i - yearStart >= 12) return false;  // numpy reads longer years; they are far beyond every unit here
+        // Up to what an int64 year holds, as numpy prints for the coarse units.
+        if (year > (std::numeric_limits<std::int64_t>::max() - 9) / 10) return false;
         year = year * 10 + (text[i++] - u'0');
     }
     if (i == yearStart) return false;
@@ -287,8 +288,9 @@ bool datetimeValue(const DatetimeText& t, TimeUnit unit, std::int64_t& value) {
             const i128 fraction = t.fractionDigits <= digits
                                       ? static_cast<i128>(t.fraction) * pow10(digits - t.fractionDigits)
                                       : static_cast<i128>(t.fraction) / pow10(t.fractionDigits - digits);
-            // Far enough from 1970 that the product below could not fit even 128 bits: not an int64 anyway.
-            if (seconds > (i128{1} << 62) || seconds < -(i128{1} << 62)) return false;
+            // Beyond 10^20 seconds no unit from seconds down fits 64 bits, and the product below could pass
+            // even 128.
+            if (seconds > i128(kPow10[18]) * 100 || seconds < -i128(kPow10[18]) * 100) return false;
             v = seconds * pow10(digits) + fraction;
         }
     }

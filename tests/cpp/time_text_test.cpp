@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 
 #include "convert/time_text.h"
 
@@ -32,7 +33,7 @@ TEST(TimeText, ReadsTheFormsNumpyWritesWithTheUnitNumpyInfers) {
 TEST(TimeText, LeavesEverythingElseToNumpy) {
     for (std::u16string_view text : {u"2024-1-1", u"2023-02-29", u"2024-01-01T24:00", u"2024-01-01T10:60",
                                      u"2024-01-01T10:00:60", u"2024-01-01T10:00:00.", u"2024-01-01T10:00:00Z",
-                                     u"2024-01-01T10:00:00.1234567890123456789", u"1234567890123-01-01", u"today",
+                                     u"2024-01-01T10:00:00.1234567890123456789", u"99999999999999999999-01-01", u"today",
                                      u"-", u"2024-13"}) {
         DatetimeText t;
         EXPECT_FALSE(parseDatetime(text, t)) << std::string(text.begin(), text.end());
@@ -47,6 +48,10 @@ TEST(TimeText, CountsDropFinerPartsTowardThePastAndRefuseWhatInt64CannotHold) {
     ASSERT_TRUE(datetimeValue(parsed(u"2300-01-01"), TimeUnit::Micro, v));
     EXPECT_FALSE(datetimeValue(parsed(u"2024-01-01T10"), TimeUnit::Year, v));  // no Year from a finer text
     EXPECT_FALSE(datetimeValue(parsed(u"999999999999-01-01"), TimeUnit::Atto, v));
+    ASSERT_TRUE(datetimeValue(parsed(u"292277026596-12-04T15:30:07"), TimeUnit::Second, v));
+    EXPECT_EQ(v, std::numeric_limits<std::int64_t>::max());
+    EXPECT_FALSE(datetimeValue(parsed(u"-9223372036854773838"), TimeUnit::Year, v));  // the NaT pattern
+    ASSERT_TRUE(datetimeValue(parsed(u"-9223372036854773837"), TimeUnit::Year, v));
 }
 
 TEST(TimeText, PrintsNaTAndDeclinesWhatOnlyNumpyCanPrint) {
