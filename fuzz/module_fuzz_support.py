@@ -1,6 +1,8 @@
 """What the atheris harnesses over py_pb (fuzz/fuzz_module_*.py) share: the outcomes reading a result may
 have."""
 
+import zoneinfo
+
 import py_pb
 
 # An unreadable result message is reported on standard error and the function returns NULL with no exception
@@ -10,7 +12,9 @@ UNREADABLE = "<built-in function serialized_str_to_py> returned NULL without set
 # What reading a result message may raise besides the SystemError above: kinds and shapes Python has no value
 # for (TypeError), values refused (ValueError), text that UTF-16 does not carry (a lone surrogate,
 # UnicodeDecodeError, a ValueError).
-READ_ERRORS = (TypeError, ValueError)
+# What an engine datetime or duration may meet on its way into Python: datetime's range checks, and zone names
+# zoneinfo does not know.
+READ_ERRORS = (TypeError, ValueError, OverflowError, zoneinfo.ZoneInfoNotFoundError)
 
 
 class Unexpected(AssertionError):
