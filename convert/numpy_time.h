@@ -65,7 +65,11 @@ bool TimeArrayValues::forEachColumnMajor(F&& f) const {
     const Py_buffer& b = *view_;
     const auto* base = static_cast<const char*>(b.buf);
     const int nd = b.ndim;
-    if (nd == 0) return f(*reinterpret_cast<const std::int64_t*>(base));
+    std::int64_t v;  // copied out: a numpy array need not be aligned
+    if (nd == 0) {
+        __builtin_memcpy(&v, base, sizeof v);
+        return f(v);
+    }
     // Column-major: the first axis moves fastest.
     Py_ssize_t index[64] = {0};
     const char* p = base;
@@ -73,7 +77,6 @@ bool TimeArrayValues::forEachColumnMajor(F&& f) const {
     for (;;) {
         const char* q = p;
         for (Py_ssize_t i = 0; i < n0; ++i, q += s0) {
-            std::int64_t v;
             __builtin_memcpy(&v, q, sizeof v);
             if (!f(v)) return false;
         }

@@ -135,6 +135,16 @@ def test_numpy_scalars_travel_as_their_text(value, text):
     assert props(value) == ("datetime", {"DateString": (STRING, (1, 1), [text])})
 
 
+def _layouts(a):
+    """a, a strided and transposed view, byte-swapped, and unaligned copies of it and of one element (0-d)."""
+    def unaligned(x):
+        b = np.frombuffer(bytearray(x.nbytes + 1), dtype=x.dtype, offset=1, count=x.size).reshape(x.shape)
+        b[...] = x
+        return b
+    return [a, a.transpose(2, 0, 1)[:, ::2], a.astype(a.dtype.newbyteorder(">")), unaligned(a),
+            unaligned(a[:1, :1, :1].reshape(()))]
+
+
 def _random_datetimes(unit, shape, rng):
     # Counts across the whole range (numpy itself prints the far ones), near 1970, and NaT.
     n = int(np.prod(shape))
@@ -150,9 +160,9 @@ def test_numpy_arrays_travel_as_the_texts_numpy_prints_in_column_major_order(uni
         a = np.array(["NaT"] * 24, dtype="M8").reshape(2, 3, 4)
     else:
         a = _random_datetimes(unit, (4, 3, 25), rng)
-    for layout in (a, a.transpose(2, 0, 1)[:, ::2], a.astype(a.dtype.newbyteorder(">"))):
+    for layout in _layouts(a):
         [(kind, dims, (_, [p]))] = sent(layout)
-        assert p["DateString"] == (STRING, layout.shape, [str(e) for e in layout.ravel(order="F")])
+        assert p["DateString"] == (STRING, layout.shape or (1, 1), [str(e) for e in layout.ravel(order="F")])
 
 
 @pytest.mark.parametrize("unit", UNITS)
@@ -201,12 +211,12 @@ def test_timedelta_arrays_travel_as_numpys_millisecond_cast_in_column_major_orde
     values = rng.integers(-bound, bound, (3, 4, 5))
     values[0, 1, :] = np.iinfo(np.int64).min
     a = values.view(f"m8[{unit}]") if unit != "generic" else values.view("m8")
-    for layout in (a, a.T[::2], a.astype(a.dtype.newbyteorder(">"))):
+    for layout in _layouts(a):
         ms = layout.astype("m8[ms]")
         expected = np.where(np.isnat(ms), np.nan, ms.view("i8").astype(float)).ravel(order="F")
         [(_, _, (_, [p]))] = sent(layout)
         kind, dims, got = p["millis"]
-        assert (kind, dims) == (DOUBLE, layout.shape)
+        assert (kind, dims) == (DOUBLE, layout.shape or (1, 1))
         assert np.array_equal(got, expected, equal_nan=True)
 
 
