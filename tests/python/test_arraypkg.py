@@ -25,8 +25,6 @@ TYPES = {
     "uint64": np.uint64,
     "logical": np.bool_,
 }
-NUMERIC = [n for n in TYPES if n != "logical"]
-INTEGER = [n for n in NUMERIC if n.startswith(("int", "uint"))]
 COMPLEX_VIEW = {np.float64: np.complex128, np.float32: np.complex64}
 
 
@@ -45,20 +43,35 @@ def expected_view_dtype(name, complex_):
 
 
 @pytest.mark.parametrize("name", list(TYPES))
-def test_types_are_named_veltra_and_reexported(name):
+def test_each_type_is_named_veltra_and_builds_zeros_and_complex_arrays(name):
     cls = getattr(vpkg, name)
-    assert getattr(veltra, name) is cls
-    assert cls.__module__ == "veltra"
-    assert cls.__name__ == name
-    assert f"{cls.__module__}.{cls.__name__}" == f"veltra.{name}"
-    assert type(cls()) is cls
+    assert getattr(veltra, name) is cls and (cls.__module__, cls.__name__) == ("veltra", name)
+    assert type(cls()) is cls and cls().size == (0, 0)
+    zeros = np.asarray(cls(size=(2, 3, 4)))
+    assert zeros.shape == (2, 3, 4) and zeros.dtype == TYPES[name] and not zeros.any()
+    if name == "logical":
+        return  # cannot be complex: test_logical_cannot_be_complex_and_keyword_errors
+    x = cls([[1, 2], [3, 4]], is_complex=True)
+    assert x._is_complex and x.tolist() == [[1, 2], [3, 4]] and type(x[1, 0]) is complex
+    assert np.asarray(x).dtype == expected_view_dtype(name, True)
+    y = cls([1 + 2j, 3])  # complex elements imply it
+    assert y._is_complex and y.tolist() == [[1 + 2j, 3 + 0j]]
+    assert not cls([1, 2])._is_complex
+    z = cls(np.array([1 + 1j, 2]))
+    assert z._is_complex and z.tolist() == [[1 + 1j, 2 + 0j]]
+    assert cls(size=(2, 2), is_complex=True)._is_complex
 
 
-def test_types_cannot_be_subclassed_or_hashed():
+def test_types_are_closed():
     with pytest.raises(TypeError):
         type("Sub", (vpkg.double,), {})
     with pytest.raises(TypeError):
         hash(vpkg.double([1.0]))
+    with pytest.raises(TypeError):
+        vpkg.double.extra = 1
+    import inspect
+
+    assert str(inspect.signature(vpkg.int8)) == "(initializer=None, size=None, is_complex=False)"
 
 
 # ---------------------------------------------------------------------------------------------------------
@@ -82,39 +95,25 @@ def test_types_cannot_be_subclassed_or_hashed():
          [[1, 2, 1, 4, 5]]),
         ([np.array(7.0), np.array([8.0])[0]], (1, 2), [[7, 8]]),
         ([np.array([1, 2]), np.array([3, 4])], (2, 2), [[1, 2], [3, 4]]),
+        # Buffers, read whole (their formats and layouts: test_arraypkg_capi.py).
+        (array.array("h", [1, -2, 3]), (1, 3), [[1, -2, 3]]),
+        (memoryview(b"\x01\x02\x03\x04").cast("B", shape=[2, 2]), (2, 2), [[1, 2], [3, 4]]),
+        (b"\x05\x06", (1, 2), [[5, 6]]),
+        (np.float32(2.5), (1, 1), [[2.5]]),
+        (np.array(4), (1, 1), [[4]]),
     ],
     ids=["number", "flat", "tuple", "rows", "column", "3d", "empty", "empty-rows", "range", "number-likes",
-         "0d-arrays", "nested-ndarrays"],
+         "0d-arrays", "nested-ndarrays", "array.array", "memoryview-2d", "bytes", "numpy-scalar", "0d"],
 )
-def test_nested_initializers(initializer, size, tolist):
+def test_initializers(initializer, size, tolist):
     x = vpkg.double(initializer)
-    assert x.size == size
-    assert x.tolist() == tolist
-    assert np.asarray(x).shape == size
-    np.testing.assert_array_equal(np.asarray(x), np.array(tolist, dtype=float).reshape(size))
+    assert x.size == size and x.tolist() == tolist
 
 
-def test_flat_list_is_a_row_and_rows_are_rows():
-    x = vpkg.int32([[1, 2, 3], [4, 5, 6]])
-    a = np.asarray(x)
-    assert a[1, 0] == 4 and a[0, 1] == 2
-    assert x[1][0] == 4 and x[0][1] == 2
-
-
-@pytest.mark.parametrize("name", list(TYPES))
-def test_default_and_sized_construction_is_all_zero(name):
-    cls = getattr(vpkg, name)
-    assert cls().size == (0, 0)
-    x = cls(size=(2, 3, 4))
-    assert x.size == (2, 3, 4)
-    a = np.asarray(x)
-    assert a.dtype == TYPES[name] and not a.any()
-    assert cls(size=5).size == (1, 5)
-    assert cls(size=[3]).size == (1, 3)
-    assert cls(size=(0, 4)).size == (0, 4)
-
-
-def test_size_shapes_flat_data_in_column_major_order():
+def test_size_forms_and_flat_data_in_column_major_order():
+    assert vpkg.int16(size=5).size == (1, 5)
+    assert vpkg.int16(size=[3]).size == (1, 3)
+    assert vpkg.int16(size=(0, 4)).size == (0, 4)
     x = vpkg.double([1, 2, 3, 4, 5, 6], size=(2, 3))
     assert x.tolist() == [[1, 3, 5], [2, 4, 6]]
     y = vpkg.int8([[1, 2], [3, 4]], size=(1, 4))  # any data of the right count, in its column-major order
@@ -123,58 +122,21 @@ def test_size_shapes_flat_data_in_column_major_order():
     assert z.tolist() == [[0, 3], [1, 4], [2, 5]]
 
 
-@pytest.mark.parametrize("name", NUMERIC)
-def test_complex_construction(name):
-    cls = getattr(vpkg, name)
-    x = cls([[1, 2], [3, 4]], is_complex=True)
-    assert x._is_complex
-    assert x.tolist() == [[1 + 0j, 2 + 0j], [3 + 0j, 4 + 0j]]
-    assert np.asarray(x).dtype == expected_view_dtype(name, True)
-    y = cls([1 + 2j, 3])  # complex elements imply it
-    assert y._is_complex and y.tolist() == [[1 + 2j, 3 + 0j]]
-    assert not cls([1, 2])._is_complex
-    z = cls(np.array([1 + 1j, 2]))
-    assert z._is_complex and z.tolist() == [[1 + 1j, 2 + 0j]]
-    assert cls(size=(2, 2), is_complex=True)._is_complex
+# Every type as a source into a floating, an integer and the logical target, and a floating, an integer and the
+# logical source into every type: the conversion's branches go by these categories, not by the pair.
+CONVERSIONS = sorted({(s, t) for s in TYPES for t in ("double", "uint8", "logical")}
+                     | {(s, t) for s in ("single", "int64", "logical") for t in TYPES})
 
 
-@pytest.mark.parametrize("target", list(TYPES))
-@pytest.mark.parametrize("source", [np.float64, np.float32, np.int8, np.uint8, np.int16, np.uint16, np.int32,
-                                    np.uint32, np.int64, np.uint64, np.bool_], ids=lambda t: np.dtype(t).name)
-def test_numpy_sources_convert_to_every_type(source, target):
-    a = (np.arange(6) % 3).astype(source).reshape(2, 3)
-    x = getattr(vpkg, target)(a)
-    assert x.size == (2, 3)
-    got = np.asarray(x)
-    assert got.dtype == TYPES[target]
-    np.testing.assert_array_equal(got, a.astype(TYPES[target]))
-
-
-@pytest.mark.parametrize("target", list(TYPES))
-@pytest.mark.parametrize("source", list(TYPES))
-def test_package_sources_convert_to_every_type(source, target):
-    x = getattr(vpkg, source)([[0, 1, 2], [2, 1, 0]])
-    y = getattr(vpkg, target)(x)
-    assert type(y) is getattr(vpkg, target)
-    np.testing.assert_array_equal(np.asarray(y), np.asarray(x).astype(TYPES[target]))
-
-
-@pytest.mark.parametrize(
-    "source,shape",
-    [
-        (array.array("h", [1, -2, 3]), (1, 3)),
-        (memoryview(b"\x01\x02\x03\x04").cast("B", shape=[2, 2]), (2, 2)),
-        (b"\x05\x06", (1, 2)),
-        (np.float32(2.5), (1, 1)),
-        (np.array(4), (1, 1)),
-    ],
-    ids=["array.array", "memoryview-2d", "bytes", "numpy-scalar", "0d"],
-)
-def test_other_buffers(source, shape):
-    x = vpkg.double(source)
-    assert x.size == shape
-    np.testing.assert_array_equal(np.asarray(x).reshape(-1, order="F"),
-                                  np.asarray(memoryview(source)).astype(float).reshape(-1, order="F"))
+@pytest.mark.parametrize("source,target", CONVERSIONS)
+def test_numpy_and_package_sources_convert(source, target):
+    a = (np.arange(6) % 3).astype(TYPES[source]).reshape(2, 3)
+    for x in (a, getattr(vpkg, source)(a)):
+        y = getattr(vpkg, target)(x)
+        assert type(y) is getattr(vpkg, target) and y.size == (2, 3)
+        got = np.asarray(y)
+        assert got.dtype == TYPES[target]
+        np.testing.assert_array_equal(got, a.astype(TYPES[target]))
 
 
 def test_unsupported_buffer_formats_fall_back_to_their_elements():
@@ -198,7 +160,6 @@ def test_unsupported_buffer_formats_fall_back_to_their_elements():
          "initializer is not rectangular: the sequence at index (1,) has length 1, expected 0"),
         (vpkg.double, [1, "a"], TypeError, "initializer element at index (1,) is not a number: 'a' of type str"),
         (vpkg.int8, [[1, None]], TypeError, "initializer element at index (0, 1) is not a number: None of type NoneType"),
-        (vpkg.double, [{1: 2}], TypeError, "initializer element at index (0,) is not a number: {1: 2} of type dict"),
         (vpkg.int8, [[1, 300]], ValueError, "value 300 at index (0, 1) is out of range for int8"),
         (vpkg.uint8, [-1], ValueError, "value -1 at index (0,) is out of range for uint8"),
         (vpkg.uint64, [2**64], ValueError, "value 18446744073709551616 at index (0,) is out of range for uint64"),
@@ -211,7 +172,8 @@ def test_unsupported_buffer_formats_fall_back_to_their_elements():
         (vpkg.logical, [1j], TypeError, "value 1j at index (0,) is complex and cannot be stored in a logical array"),
         (vpkg.double, [10**400], ValueError,
          "value " + str(10**400)[:100] + "... at index (0,) is out of range for double"),  # echoed values are cut
-        (vpkg.int8, np.array([[1, 2], [3, 400]]), ValueError, "value 400 at index (1, 1) is out of range for int8"),
+        # A position whose column-major and row-major readings differ.
+        (vpkg.int8, np.array([[1, 400], [3, 4]]), ValueError, "value 400 at index (0, 1) is out of range for int8"),
         (vpkg.uint16, np.array([1.0, -2.0]), ValueError, "value -2.0 at index (1,) is out of range for uint16"),
         (vpkg.int8, 128, ValueError, "value 128 is out of range for int8"),
         (vpkg.double, {1, 2}, TypeError, "cannot build a veltra.double from an object of type set"),
@@ -266,7 +228,7 @@ def test_deep_and_cyclic_nesting_fails_cleanly():
         vpkg.double(deep)
     cyclic = []
     cyclic.append(cyclic)
-    with pytest.raises((ValueError, RecursionError)):
+    with pytest.raises(ValueError, match="^initializer is nested more than 64 levels deep$"):
         vpkg.double(cyclic)
 
 
@@ -518,7 +480,7 @@ def test_reshape_of_shared_storage_leaves_the_other_holder_alone():
     assert y.size == (3, 2)
 
 
-@pytest.mark.parametrize("shape", [(2, 3), (1, 4), (4, 1), (2, 1, 3), (1, 1), (0, 3), (3, 0, 2)],
+@pytest.mark.parametrize("shape", [(2, 1, 3), (0, 3), (3, 0, 2)],
                          ids=lambda s: "x".join(map(str, s)))
 def test_tolist_matches_numpy_and_rebuilds_the_array(shape):
     a = np.arange(math.prod(shape), dtype=np.int16).reshape(shape)
@@ -564,29 +526,22 @@ def test_equality_with_other_objects_is_not_supported():
     "value,text",
     [
         (vpkg.double([[1, 2.5], [3, 4]]), "veltra.double([[1.0, 2.5], [3.0, 4.0]])"),
-        (vpkg.int8([1, -2]), "veltra.int8([[1, -2]])"),
-        (vpkg.logical([True, False]), "veltra.logical([[True, False]])"),
-        (vpkg.single([1 + 2j]), "veltra.single([[(1+2j)]], is_complex=True)"),
+        (vpkg.int64([[2**62, -5]]), "veltra.int64([[4611686018427387904, -5]])"),
+        (vpkg.logical([[True], [False]]), "veltra.logical([[True], [False]])"),
+        (vpkg.single([1 + 2j, 3]), "veltra.single([[(1+2j), (3+0j)]], is_complex=True)"),
         (vpkg.uint16([1], is_complex=True), "veltra.uint16([[(1+0j)]], is_complex=True)"),
         (vpkg.double(size=(0, 3)), "veltra.double(size=(0, 3))"),
-        (vpkg.int32(size=(2, 0), is_complex=True), "veltra.int32(size=(2, 0), is_complex=True)"),
+        (vpkg.uint8(size=(2, 0, 3), is_complex=True), "veltra.uint8(size=(2, 0, 3), is_complex=True)"),
         (vpkg.double(size=(1000, 1000)), "<veltra.double of size (1000, 1000)>"),
         (vpkg.double([[1, 2], [3, 4]])[1], "veltra.double([3.0, 4.0])"),
     ],
-    ids=["double", "int8", "logical", "complex", "complex-int", "empty", "empty-complex", "big", "view"],
+    ids=["double", "int64", "logical", "complex", "complex-int", "empty", "empty-3d-complex", "big", "view"],
 )
-def test_repr(value, text):
-    assert repr(value) == text
-    assert str(value) == text
-
-
-@pytest.mark.parametrize("value", [vpkg.double([[1, 2.5], [3, 4]]), vpkg.int64([[2**62, -5]]),
-                                   vpkg.single([1 + 2j, 3]), vpkg.logical([[True], [False]]),
-                                   vpkg.double(size=(0, 3)), vpkg.uint8(size=(2, 0, 3), is_complex=True)],
-                         ids=["double", "int64", "complex", "logical", "empty", "empty-3d-complex"])
-def test_repr_evaluates_back_to_an_equal_array(value):
-    again = eval(repr(value), {"veltra": veltra})
-    assert type(again) is type(value) and again == value and again._is_complex == value._is_complex
+def test_repr_and_its_evaluation(value, text):
+    assert repr(value) == str(value) == text
+    if text.startswith("veltra.") and len(value.size) > 1:  # not the summary, nor a 1-d view (it reads back 1-by-N)
+        again = eval(text, {"veltra": veltra})
+        assert type(again) is type(value) and again == value and again._is_complex == value._is_complex
 
 
 def test_weak_references():
@@ -601,7 +556,6 @@ def test_weak_references():
 
 def test_copies_share_until_written_and_pickles_round_trip():
     import copy
-    import inspect
     import pickle
 
     x = vpkg.int16([[1, 2], [3, 4]], is_complex=True)
@@ -616,6 +570,3 @@ def test_copies_share_until_written_and_pickles_round_trip():
         again = pickle.loads(pickle.dumps(value))
         assert type(again) is type(value) and again._is_complex == value._is_complex
         assert np.array_equal(np.asarray(again).reshape(-1, order="F"), np.asarray(value).reshape(-1, order="F"))
-    assert str(inspect.signature(vpkg.int8)) == "(initializer=None, size=None, is_complex=False)"
-    with pytest.raises(TypeError):
-        vpkg.double.extra = 1

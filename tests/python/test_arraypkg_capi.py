@@ -13,8 +13,8 @@ import numpy as np
 import pytest
 
 import veltramultidimarrayforpython as vpkg
-from conftest import (CELL, CHAR, COMPLEX_DOUBLE, COMPLEX_SINGLE, DOUBLE, INT8, INT16, INT32, INT64, LOGICAL, SINGLE,
-                      SPARSE_DOUBLE, STRUCT, UINT8, UINT16, UINT32, UINT64)
+from conftest import (CELL, CHAR, COMPLEX_DOUBLE, COMPLEX_OFFSET, COMPLEX_SINGLE, DOUBLE, INT8, INT16, INT32, INT64,
+                      LOGICAL, SINGLE, SPARSE_DOUBLE, STRUCT, UINT8, UINT16, UINT32, UINT64)
 from numpy_layouts import engine_shape, make
 
 DTYPES = {  # numpy dtype -> (ArrayType, package type)
@@ -37,18 +37,22 @@ SHAPES = [(), (1,), (5,), (0,), (1, 1), (2, 3), (3, 1), (0, 3), (2, 3, 4), (3, 1
 
 
 # ---------------------------------------------------------------------------------------------------------
-# The matrix: every dtype x order x shape x layout, through the capsule and back, element by element
+# Through the capsule and back, element by element: every dtype in every order and layout in one shape (C order
+# takes the tiled transposing copy, F order the straight runs), and every shape in one dtype. The copy depends
+# on the element size, the byte swap and the path, never on the shape and the dtype together.
 
 
-MATRIX = [
-    pytest.param(dtype, shape, order, layout,
-                 id=f"{dtype}-{'x'.join(map(str, shape)) or '0d'}-{order}-{layout}")
-    for dtype in DTYPES
-    for shape in SHAPES
-    for order in "CF"
-    for layout in ["contiguous", "strided", "swapped"]
-    if not (layout == "swapped" and dtype.itemsize == 1)  # one-byte elements have no byte order
-]
+def _matrix():
+    for dtype, shapes in [(d, [(2, 3, 4)]) for d in DTYPES] + [(np.dtype(np.complex64), SHAPES)]:
+        for shape in shapes:
+            for order in "CF":
+                for layout in ["contiguous", "strided", "swapped"]:
+                    if not (layout == "swapped" and dtype.itemsize == 1):  # one-byte elements have no byte order
+                        yield pytest.param(dtype, shape, order, layout,
+                                           id=f"{dtype}-{'x'.join(map(str, shape)) or '0d'}-{order}-{layout}")
+
+
+MATRIX = list(_matrix())
 
 
 @pytest.mark.parametrize("dtype,shape,order,layout", MATRIX)
@@ -72,7 +76,7 @@ def test_buffer_roundtrip_through_the_capsule(dtype, shape, order, layout):
         assert x[(0,) * len(x.size)] == flat[0]
 
 
-@pytest.mark.parametrize("dtype", list(DTYPES), ids=str)
+@pytest.mark.parametrize("dtype", [np.dtype(np.complex64), np.dtype(np.bool_)], ids=str)
 def test_package_roundtrip_shares_storage(dtype):
     a, values = make(dtype, (2, 3), "C", "contiguous")
     x = getattr(vpkg, DTYPES[dtype][1].__name__)(a)
@@ -113,9 +117,8 @@ def test_entry_1_converts_to_the_requested_type(source, kind, expected):
         (np.array([1.0, float("nan")]), INT64, ValueError,
          "value nan at index (1,) is not a whole number and cannot be stored in int64"),
         (vpkg.double([[1.0]]), CELL, TypeError, "array type 24 is not a numeric or logical type"),
-        (vpkg.double([[1.0]]), CHAR, TypeError, "array type 2 is not a numeric or logical type"),
     ],
-    ids=["not-whole", "range", "complex", "nan", "cell", "char"],
+    ids=["not-whole", "range", "complex", "nan", "cell"],
 )
 def test_entry_1_conversion_errors(source, kind, exc, text):
     with pytest.raises(exc) as info:
@@ -123,19 +126,20 @@ def test_entry_1_conversion_errors(source, kind, exc, text):
     assert str(info.value) == text
 
 
-@pytest.mark.parametrize(
-    "kind,cls,complex_",
-    [(LOGICAL, vpkg.logical, False), (DOUBLE, vpkg.double, False), (SINGLE, vpkg.single, False)]
-    + [(k, getattr(vpkg, n), False) for k, n in zip(range(6, 14), ["int8", "uint8", "int16", "uint16", "int32",
-                                                                     "uint32", "int64", "uint64"])]
-    + [(k + 10, getattr(vpkg, n), True) for k, n in zip(range(4, 14), ["double", "single", "int8", "uint8", "int16",
-                                                                         "uint16", "int32", "uint32", "int64",
-                                                                         "uint64"])],
-    ids=lambda v: str(v) if isinstance(v, int) else None,
-)
-def test_entry_0_wraps_every_numeric_kind(kind, cls, complex_):
-    x = vpkg._capi_wrap_new(kind, (2, 3))
-    assert type(x) is cls and x._is_complex == complex_ and x.size == (2, 3)
+EXPORTS = {"double": ("d", DOUBLE), "single": ("f", SINGLE), "int8": ("b", INT8), "uint8": ("B", UINT8),
+           "int16": ("h", INT16), "uint16": ("H", UINT16), "int32": ("i", INT32), "uint32": ("I", UINT32),
+           "int64": ("q", INT64), "uint64": ("Q", UINT64), "logical": ("?", LOGICAL)}  # buffer format, kind
+REAL_AND_COMPLEX = [(n, c) for n in EXPORTS for c in (False, True) if not (c and n == "logical")]
+
+
+def _ids(v):
+    return v if isinstance(v, str) else ("complex" if v else "real")
+
+
+@pytest.mark.parametrize("name,complex_", REAL_AND_COMPLEX, ids=_ids)
+def test_entry_0_wraps_every_numeric_kind(name, complex_):
+    x = vpkg._capi_wrap_new(EXPORTS[name][1] + (COMPLEX_OFFSET if complex_ else 0), (2, 3))
+    assert type(x) is getattr(vpkg, name) and x._is_complex == complex_ and x.size == (2, 3)
     assert vpkg._holds(x) == 1  # the wrapper adopted the one hold it was given
     assert not any(np.asarray(x).tobytes())
 
@@ -151,7 +155,6 @@ def test_entry_0_refuses_other_kinds(kind, name):
 @pytest.mark.parametrize(
     "obj,kind",
     [
-        (memoryview(b"ab"), UINT8),
         (b"abc", UINT8),
         (bytearray(3), UINT8),
         (array.array("b", [1]), INT8),
@@ -164,27 +167,21 @@ def test_entry_0_refuses_other_kinds(kind, name):
         (memoryview(np.zeros(2, ">u4")), UINT32),
         (memoryview(bytes(8)).cast("?"), LOGICAL),
         (memoryview(bytes(16)).cast("n"), INT64 if ctypes.sizeof(ctypes.c_size_t) == 8 else INT32),
-        ((ctypes.c_int16 * 3)(), INT16),
-        (vpkg.double([1, 2]), DOUBLE),
-        (vpkg.single([1j]), COMPLEX_SINGLE),
-        (vpkg.int16([1j]), 18),
-        (vpkg.uint64([1j]), 23),
-        (np.zeros(2, [("real", ">i4"), ("imag", ">i4")]), 20),
+        ((ctypes.c_int16 * 3)(1, -2, 3), INT16),
+        (np.array([(1, 300), (-2, 4)], [("real", ">i4"), ("imag", ">i4")]), INT32 + COMPLEX_OFFSET),
     ],
-    ids=["memoryview", "bytes", "bytearray", "b", "H", "i", "l", "Q", "f", "d", "big-endian-u4", "?", "n",
-         "ctypes", "package", "package-complex", "package-complex-int16", "package-complex-uint64",
+    ids=["bytes", "bytearray", "b", "H", "i", "l", "Q", "f", "d", "big-endian-u4", "?", "n", "ctypes",
          "swapped-complex-int32"],
 )
 def test_entry_2_reports_the_kind_of_other_buffers(obj, kind):
+    # The package's own types: test_export_formats_and_zero_copy.
     assert vpkg._capi_acquire(obj) == kind
     x = vpkg._capi_roundtrip(obj)
     if isinstance(obj, np.ndarray):  # complex integers as numpy spells them: a (real, imag) record
         want = [complex(int(r), int(i)) for r, i in zip(obj["real"], obj["imag"])]
-    elif vpkg._capi_is_buffer(obj) and type(obj).__module__ == "veltra":
-        want = obj.tolist()[0]
     else:
-        want = np.asarray(memoryview(obj)).reshape(-1, order="F").tolist()
-    assert np.asarray(x).reshape(-1).tolist() == want if not x._is_complex else x.tolist()[0] == want
+        want = np.asarray(memoryview(obj)).tolist()
+    assert x.tolist() == [want]
 
 
 @pytest.mark.parametrize(
@@ -199,16 +196,14 @@ def test_entry_2_reports_the_kind_of_other_buffers(obj, kind):
         (np.zeros(2, [("a", "<i4"), ("b", "<f8")]), "unsupported buffer format '{}' (structured)"),
         (np.zeros(2, [("real", "<i4"), ("imag", "<i2")]), "unsupported buffer format '{}' (structured)"),
         (np.zeros(2, [("real", "<f4"), ("imag", "<f4")]), "unsupported buffer format '{}' (structured)"),
+        # numpy's own refusal, as a TypeError naming the object
         (np.zeros(2, "M8[s]"), "cannot read an object of type numpy.ndarray as a buffer: cannot include dtype 'M' in a buffer"),
-        (np.zeros(2, "m8[s]"), "cannot read an object of type numpy.ndarray as a buffer: cannot include dtype 'm' in a buffer"),
         (memoryview(bytes(8)).cast("c"), "unsupported buffer format 'c' (bytes)"),
         (memoryview(bytes(8)).cast("P"), "unsupported buffer format 'P' (pointer)"),
-        (array.array("u", "ab"), "unsupported buffer format 'w' (text)"),
         (1.5, "a bytes-like object is required, not 'float'"),
     ],
     ids=["float16", "object", "unicode", "bytes", "longdouble", "clongdouble", "structured", "mixed-complex",
-         "float-pair",
-         "datetime", "timedelta", "char", "pointer", "array-u", "not-a-buffer"],
+         "float-pair", "datetime", "char", "pointer", "not-a-buffer"],
 )
 def test_entry_2_refuses_formats_with_a_type_error_naming_them(obj, text):
     assert vpkg._capi_is_buffer(obj) == (not isinstance(obj, float))
@@ -220,9 +215,12 @@ def test_entry_2_refuses_formats_with_a_type_error_naming_them(obj, text):
 
 
 def test_entry_2_refuses_indirect_buffers():
-    # A ctypes array of pointers is fine as far as shape goes, but its format is a pointer.
-    with pytest.raises(TypeError, match="unsupported buffer format"):
-        vpkg._capi_acquire((ctypes.c_void_p * 2)())
+    testbuffer = pytest.importorskip("_testbuffer")
+    indirect = testbuffer.ndarray(list(range(6)), shape=[2, 3], format="i", flags=testbuffer.ND_PIL)
+    with pytest.raises(TypeError) as info:  # asked for no suboffsets, the exporter refuses
+        vpkg._capi_acquire(indirect)
+    assert str(info.value) == ("cannot read an object of type ndarray as a buffer: "
+                               "ndarray cannot be represented without suboffsets")
 
 
 @pytest.mark.parametrize("obj,name", [([1.0], "list"), (np.zeros(2), "numpy.ndarray"), (memoryview(b"a"), "memoryview")])
@@ -230,12 +228,6 @@ def test_entry_1_takes_only_typed_arrays_and_buffer_handles(obj, name):
     with pytest.raises(TypeError) as info:
         vpkg._capi_get(obj, DOUBLE)
     assert str(info.value) == f"an object of type {name} is neither a typed array nor a buffer handle"
-
-
-def test_entry_1_hands_out_a_typed_array_directly():
-    x = vpkg.int8([[1, 2]])
-    y = vpkg._capi_get(x, INT8)
-    assert y == x and vpkg._holds(x) == 2
 
 
 def test_buffer_handles_cannot_be_made_from_python():
@@ -247,29 +239,20 @@ def test_buffer_handles_cannot_be_made_from_python():
 # Buffer export of package arrays
 
 
-@pytest.mark.parametrize("name,complex_", [
-    (name, complex_)
-    for name in ["double", "single", "int8", "uint8", "int16", "uint16", "int32", "uint32", "int64", "uint64", "logical"]
-    for complex_ in [False, True]
-    if not (complex_ and name == "logical")
-], ids=lambda v: v if isinstance(v, str) else ("complex" if v else "real"))
+@pytest.mark.parametrize("name,complex_", REAL_AND_COMPLEX, ids=_ids)
 def test_export_formats_and_zero_copy(name, complex_):
-    cls = getattr(vpkg, name)
-    x = cls([[0, 1, 1], [1, 0, 1]], is_complex=complex_)
+    x = getattr(vpkg, name)([[0, 1, 1], [1, 0, 1]], is_complex=complex_)
     m = memoryview(x)
     assert m.shape == (2, 3) and m.f_contiguous and not m.readonly
-    codes = {"double": "d", "single": "f", "int8": "b", "uint8": "B", "int16": "h", "uint16": "H", "int32": "i",
-             "uint32": "I", "int64": "q", "uint64": "Q", "logical": "?"}
+    code, kind = EXPORTS[name]
     if complex_:
-        assert m.format == ("Z" + codes[name] if name in ("double", "single")
-                            else "T{%s:real:%s:imag:}" % (codes[name], codes[name]))
+        assert m.format == ("Z" + code if code in "df" else "T{%s:real:%s:imag:}" % (code, code))
     else:
-        assert m.format == codes[name]
+        assert m.format == code
     a, b = np.asarray(x), np.asarray(x)
     assert a.shape == x.size and a.flags.f_contiguous and not a.flags.owndata
     assert np.shares_memory(a, b)
-    assert vpkg._capi_acquire(x) == (DTYPES[a.dtype][0] if a.dtype in DTYPES else {
-        "int8": 16, "uint8": 17, "int16": 18, "uint16": 19, "int32": 20, "uint32": 21, "int64": 22, "uint64": 23}[name])
+    assert vpkg._capi_acquire(x) == kind + (COMPLEX_OFFSET if complex_ else 0)
 
 
 def test_views_export_strided_buffers():
@@ -294,16 +277,6 @@ def test_contiguity_requests():
     assert np.asarray(vpkg.double(size=(0, 3))).shape == (0, 3)
 
 
-def test_numpy_views_and_element_assignment_see_each_other():
-    x = vpkg.double([[1, 2, 3], [4, 5, 6]])
-    a = np.asarray(x)
-    x[0][1] = 20
-    x[1, :] = [7, 8, 9]
-    assert a.tolist() == [[1, 20, 3], [7, 8, 9]]
-    a[0, 0] = -1
-    assert x[0][0] == -1.0
-
-
 def test_export_detaches_shared_storage_and_pins_it():
     x = vpkg.double([[1, 2], [3, 4]])
     y = vpkg.double(x)  # shares x's storage
@@ -318,8 +291,10 @@ def test_export_detaches_shared_storage_and_pins_it():
     assert vpkg._holds(x) == 1 and vpkg._holds(z) == 1 and vpkg._holds(w) == 1
     a[1, 1] = -4
     assert z[1][1] == 4.0 and w[1][1] == 4.0
-    x[1, 0] = 30  # writes where the export looks
-    assert a[1, 0] == 30
+    x[1, 0] = 30  # writes, also through a view and to a region, land where the export looks
+    x[0][1] = 20
+    x[1, 1:] = [-40]
+    assert a.tolist() == [[100, 20], [30, -40]]
     del a
     v = vpkg.double(x)  # sharing again once the export ended
     assert vpkg._holds(x) == 2 and v == x
@@ -368,8 +343,9 @@ def test_logical_buffers_normalise_bytes():
 # The reordering copy beyond small shapes: tile edges, every element size, odd stride patterns
 
 
-@pytest.mark.parametrize("dtype", ["i1", "<i2", ">i2", "<f4", ">f4", "<f8", ">f8", "<c8", ">c8", "<c16", ">c16",
-                                   "?", "<u8"])
+# One dtype for each element size, component size and byte order the copy has a path for.
+@pytest.mark.parametrize("dtype", ["i1", "?", "<i2", ">i2", "<f4", ">f4", ">f8", "<c8", ">c8", "<c16", ">c16",
+                                   np.dtype([("real", ">i2"), ("imag", ">i2")])], ids=str)
 @pytest.mark.parametrize(
     "make_view",
     [
@@ -384,7 +360,12 @@ def test_logical_buffers_normalise_bytes():
 )
 def test_reordering_copy_across_tile_edges(dtype, make_view):
     base = (np.arange(67 * 130) * 7919 % 2003).reshape(67, 130)
-    a = make_view(base.astype(dtype))
+    source = np.empty(base.shape, dtype)
+    if source.dtype.names:  # complex integers as numpy spells them: a (real, imag) record
+        source["real"], source["imag"] = base, -base
+    else:
+        source[...] = base + 1j * (base - 1000) if source.dtype.kind == "c" else base  # real and imag apart
+    a = make_view(source)
     x = vpkg._capi_roundtrip(a)
     assert x.size == a.shape
     got = np.asarray(x)
