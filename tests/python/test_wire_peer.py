@@ -18,9 +18,8 @@ PROTO_DIR = ROOT / "envelope" / "proto"
 # scripts/test.sh builds the C++ tests (and this tool) in build/cpp before it runs pytest.
 PEER = Path(os.environ.get("VELTRA_WIRE_PEER", ROOT / "build" / "cpp" / "wire_peer"))
 
-LOGICAL, CHAR, STRING, DOUBLE, SINGLE = 1, 2, 3, 4, 5
-CELL, STRUCT, VALUE_OBJECT, HANDLE, ENUM = 24, 25, 27, 28, 29
-SPARSE_DOUBLE, SPARSE_LOGICAL, SPARSE_COMPLEX = 30, 31, 32
+from conftest import (CELL, CHAR, DOUBLE, ENUM, HANDLE, LOGICAL, SINGLE, SPARSE_DOUBLE, SPARSE_LOGICAL, STRING, STRUCT,
+                      VALUE_OBJECT)
 
 # Kind number -> numpy dtype of one real part, and whether the kind is complex.
 REAL_DTYPES = {
@@ -125,7 +124,7 @@ def test_params_parse_and_reserialize_identically(pb, peer, case):
     assert msg.SerializeToString(deterministic=True) == data
 
 
-@pytest.mark.parametrize("nargout", [0, 1, 3, -1, 2**31 - 1, -(2**31)])
+@pytest.mark.parametrize("nargout", [0, 1, -1, 2**31 - 1, -(2**31)])
 def test_params_without_arguments_hold_nargout_alone(pb, peer, nargout):
     msg = pb.Params.FromString(params_from_cpp(peer, "empty", nargout))
     assert msg.nargout == nargout
@@ -154,7 +153,6 @@ def test_params_shapes_keep_dims_and_fortran_order(pb, peer):
     cube = np.frombuffer(rhs[0].data, dtype="<f8").reshape((2, 3, 4), order="F")
     want = real_values(np.float64, 24).reshape((2, 3, 4), order="F")
     np.testing.assert_array_equal(cube, want)
-    assert cube[1, 0, 0] == want.ravel(order="F")[1] and cube[0, 1, 0] == want.ravel(order="F")[2]
     assert [len(a.data) for a in rhs[1:4]] == [0, 0, 0]
 
 
@@ -220,11 +218,12 @@ def raw_of(dumped):
     return bytes.fromhex(dumped["data"])
 
 
-@pytest.mark.parametrize("kind, dtype", [
-    (DOUBLE, "<f8"), (SINGLE, "<f4"), (6, "i1"), (7, "u1"), (8, "<i2"), (9, "<u2"), (10, "<i4"), (11, "<u4"),
-    (12, "<i8"), (13, "<u8"), (14, "<c16"), (15, "<c8"),
-])
-@pytest.mark.parametrize("shape", [(2, 3), (3, 1, 2), (1, 0), (0, 0), (1, 1)])
+# Every kind in one shape, and every shape in one kind: the reader takes the dims whatever the kind.
+@pytest.mark.parametrize("kind, dtype, shape", [
+    (kind, dtype, (2, 3)) for kind, dtype in [(DOUBLE, "<f8"), (SINGLE, "<f4"), (6, "i1"), (7, "u1"), (8, "<i2"),
+                                              (9, "<u2"), (10, "<i4"), (11, "<u4"), (12, "<i8"), (13, "<u8"),
+                                              (14, "<c16"), (15, "<c8")]
+] + [(15, "<c8", shape) for shape in [(3, 1, 2), (1, 0), (0, 0), (1, 1)]])
 def test_result_numeric_outputs(pb, peer, kind, dtype, shape):
     a = (np.arange(int(np.prod(shape))) * 3 + 1).astype(dtype).reshape(shape, order="C")
     if a.dtype.kind == "c":
