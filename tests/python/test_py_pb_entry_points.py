@@ -9,6 +9,8 @@ from py_pb_peer import decode, numeric, params, result
 ONE_POSITIONAL = "py_to_serialized_str requires exactly one positional argument"
 NOT_A_NUMBER = "Keyword argument 'nargout' was not a string corresponding to a number as expected"
 NOT_STR_OR_INT = "Value of keyword argument 'nargout' was not a string or int as expected"
+BELOW_ZERO = "Value of keyword argument 'nargout' ({}) was less than zero"
+BEYOND_32_BITS = "Value of keyword argument 'nargout' ({}) was greater than 2147483647"
 SCHEMA_NOT_STR = "Value of keyword argument 'schema' was not a string as expected"
 
 
@@ -86,19 +88,13 @@ def test_second_import_in_the_same_process_reuses_the_module():
 # py_to_serialized_str
 
 
-def test_two_inputs_and_default_nargout():
+def test_two_inputs_or_none_and_default_nargout():
+    assert type(py_pb.py_to_serialized_str((1,))) is bytes
     m = params((1.0, "a"))
     assert m.nargout == 1
     assert [decode(a) for a in m.rhs] == [(DOUBLE, (1, 1), [1.0]), (CHAR, (1, 1), "a")]
-
-
-def test_empty_tuple_gives_nargout_only():
     m = params(())
     assert len(m.rhs) == 0 and m.nargout == 1
-
-
-def test_result_is_bytes():
-    assert type(py_pb.py_to_serialized_str((1,))) is bytes
 
 
 @pytest.mark.parametrize("value", [[1, "x"], ["only"]])
@@ -136,13 +132,10 @@ def test_keyword_errors_come_before_the_argument_count():
 @pytest.mark.parametrize(
     "nargout, expected",
     [
-        ("3", 3),
         (" 4xyz", 4),
         ("\t\n+7", 7),
-        ("0", 0),
         ("-0", 0),
         (0, 0),
-        (5, 5),
         (True, 1),
         (2**31 - 1, 2**31 - 1),
         (str(2**31 - 1), 2**31 - 1),
@@ -152,40 +145,21 @@ def test_nargout_values(nargout, expected):
     assert params((), nargout=nargout).nargout == expected
 
 
-@pytest.mark.parametrize("nargout", ["abc", "", "   ", "+", "x1", "99999999999999999999", "\u0663"])
-def test_nargout_strings_without_a_number(nargout):
+@pytest.mark.parametrize(
+    "nargout, text",
     # std::stol rules: no digits at the start, or out of the range of long. Non-ASCII digits are no digits.
-    with pytest.raises(ValueError) as e:
-        py_pb.py_to_serialized_str((), nargout=nargout)
-    assert str(e.value) == NOT_A_NUMBER
-
-
-@pytest.mark.parametrize("nargout", [2.0, None, b"3", [1], 1j])
-def test_nargout_of_other_types(nargout):
-    with pytest.raises(ValueError) as e:
-        py_pb.py_to_serialized_str((), nargout=nargout)
-    assert str(e.value) == NOT_STR_OR_INT
-
-
-@pytest.mark.parametrize(
-    "nargout, number",
-    [(-1, "-1"), ("-1", "-1"), (" -12abc", "-12"), (-2**63, str(-2**63)), (-2**80, str(-2**80))],
-)
-def test_negative_nargout(nargout, number):
-    with pytest.raises(ValueError) as e:
-        py_pb.py_to_serialized_str((), nargout=nargout)
-    assert str(e.value) == f"Value of keyword argument 'nargout' ({number}) was less than zero"
-
-
-@pytest.mark.parametrize(
-    "nargout, number",
-    [(2**31, str(2**31)), (str(2**31), str(2**31)), (2**63 - 1, str(2**63 - 1)), (2**100, str(2**100))],
-)
-def test_nargout_beyond_32_bits_is_refused(nargout, number):
+    [(v, NOT_A_NUMBER) for v in ["abc", "", "   ", "+", "x1", "99999999999999999999", "\u0663"]]
+    + [(v, NOT_STR_OR_INT) for v in [2.0, None, b"3"]]
+    + [(v, BELOW_ZERO.format(n)) for v, n in [(-1, "-1"), ("-1", "-1"), (" -12abc", "-12"), (-2**63, str(-2**63)),
+                                                (-2**80, str(-2**80))]]
     # The message carries a 32-bit count; a larger one is refused rather than cut to its low bits.
+    + [(v, BEYOND_32_BITS.format(n)) for v, n in [(2**31, str(2**31)), (str(2**31), str(2**31)),
+                                                    (2**100, str(2**100))]],
+)
+def test_nargout_errors(nargout, text):
     with pytest.raises(ValueError) as e:
         py_pb.py_to_serialized_str((), nargout=nargout)
-    assert str(e.value) == f"Value of keyword argument 'nargout' ({number}) was greater than 2147483647"
+    assert str(e.value) == text
 
 
 @pytest.mark.parametrize("schema", ["VELTRA_PARAMS", "VELTRA_RESULT"])
@@ -197,18 +171,18 @@ def test_schema_is_checked_but_selects_nothing(schema):
 
 @pytest.mark.parametrize("fn", ["to", "from"])
 @pytest.mark.parametrize(
-    "schema, exc, text",
+    "schema, text",
     [
-        ("veltra_result", ValueError, "Invalid value ('veltra_result') for keyword 'schema'"),
-        ("VELTRA_PARAMS ", ValueError, "Invalid value ('VELTRA_PARAMS ') for keyword 'schema'"),
-        ("", ValueError, "Invalid value ('') for keyword 'schema'"),
-        ("\ud800x", ValueError, "Invalid value ('\ud800x') for keyword 'schema'"),
-        (1, ValueError, SCHEMA_NOT_STR),
-        (b"VELTRA_PARAMS", ValueError, SCHEMA_NOT_STR),
+        ("veltra_result", "Invalid value ('veltra_result') for keyword 'schema'"),
+        ("VELTRA_PARAMS ", "Invalid value ('VELTRA_PARAMS ') for keyword 'schema'"),
+        ("", "Invalid value ('') for keyword 'schema'"),
+        ("\ud800x", "Invalid value ('\ud800x') for keyword 'schema'"),
+        (1, SCHEMA_NOT_STR),
+        (b"VELTRA_PARAMS", SCHEMA_NOT_STR),
     ],
 )
-def test_schema_errors_in_both_functions(fn, schema, exc, text):
-    with pytest.raises(exc) as e:
+def test_schema_errors_in_both_functions(fn, schema, text):
+    with pytest.raises(ValueError) as e:
         if fn == "to":
             py_pb.py_to_serialized_str((), schema=schema)
         else:
@@ -242,37 +216,34 @@ def test_unknown_keyword_with_unencodable_name():
 # serialized_str_to_py
 
 
-def test_reads_outputs_from_bytes_bytearray_and_memoryview():
+def test_reads_outputs_from_any_contiguous_buffer_and_releases_it():
+    import numpy as np
+
     data = result(numeric(DOUBLE, [1.5]), numeric(INT64, [-3]))
-    for d in (data, bytearray(data), memoryview(data)):
+    for d in (data, bytearray(data), memoryview(data), np.frombuffer(data, dtype=np.uint8)):
         assert py_pb.serialized_str_to_py(d) == [1.5, -3]
+    held = bytearray(data)
+    py_pb.serialized_str_to_py(held)
+    held.extend(b"\x00")  # would raise BufferError while an export were still held
 
 
-def test_the_buffer_is_released_before_the_result_is_read():
-    data = bytearray(result(numeric(DOUBLE, [1.5])))
-    assert py_pb.serialized_str_to_py(data) == [1.5]
-    data.extend(b"\x00")  # would raise BufferError while an export were still held
+def _strided(data):
+    return memoryview(bytes(b for byte in data for b in (byte, 0)))[::2]
 
 
-@pytest.mark.parametrize("args", [("text",), (1,), (None,), ([1],), (), (b"", b"")])
-def test_args_that_are_not_one_bytes_like_object(args):
+def _fortran(data):
+    import numpy as np
+
+    return np.asfortranarray(np.frombuffer(data * 2, dtype=np.uint8).reshape(2, -1))
+
+
+@pytest.mark.parametrize("args", [("text",), (1,), (None,), ([1],), (), (b"", b""),
+                                  (_strided(result(numeric(DOUBLE, [1.5]))),),
+                                  (_fortran(result(numeric(DOUBLE, [1.5]))),)])
+def test_args_that_are_not_one_contiguous_bytes_like_object(args):
     with pytest.raises(ValueError) as e:
         py_pb.serialized_str_to_py(*args)
     assert str(e.value) == "args invalid"
-
-
-def test_any_contiguous_buffer_is_read_and_a_strided_one_is_refused():
-    import numpy as np
-
-    data = result(numeric(DOUBLE, [1.5]))
-    assert py_pb.serialized_str_to_py(np.frombuffer(data, dtype=np.uint8)) == [1.5]
-    strided = memoryview(bytes(b for byte in data for b in (byte, 0)))[::2]
-    assert strided.tobytes() == data
-    with pytest.raises(ValueError, match="^args invalid$"):
-        py_pb.serialized_str_to_py(strided)
-    fortran = np.asfortranarray(np.frombuffer(data * 2, dtype=np.uint8).reshape(2, -1))
-    with pytest.raises(ValueError, match="^args invalid$"):
-        py_pb.serialized_str_to_py(fortran)
 
 
 def test_args_error_comes_before_keyword_errors():
@@ -293,9 +264,5 @@ def test_schema_does_not_switch_the_message_read(schema):
 
 
 def test_empty_bytes_are_a_result_without_outputs():
-    assert py_pb.serialized_str_to_py(b"") == []
-
-
-def test_outputs_come_back_as_a_list_of_a_1_by_n_cell():
-    out = py_pb.serialized_str_to_py(result(numeric(DOUBLE, [1.0]), numeric(DOUBLE, [2.0])))
-    assert type(out) is list and out == [1.0, 2.0]
+    out = py_pb.serialized_str_to_py(b"")
+    assert type(out) is list and out == []
