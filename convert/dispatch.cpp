@@ -74,7 +74,7 @@ void fillTypeRegistry(TypeRegistry& r, const std::shared_ptr<ArrayFactory>& f) {
     r.add<PyNoneToError>("NoneType", f, Py_TYPE(Py_None));
     r.add<BufferProtocolObjectToBuffer>("memoryview", f, &PyMemoryView_Type);
     r.add<NullToError>("NULL", f);
-    r.add<NotYetConvertible>("veltra.object", f);                   // PyObjectToObject
+    r.add<PyObjectToObject>("veltra.object", f);
     r.add<PyDatetimeToDatetime>("datetime.datetime", f);
     r.add<PyNumpyDatetime64ScalarToDatetime>("numpy.datetime64", f);
     r.add<PyTimedeltaToDuration>("datetime.timedelta", f);

@@ -4,17 +4,23 @@
 
 #include "convert/datetime.h"
 #include "convert/duration.h"
+#include "types/object.h"
 
 namespace PythonVeltraDataArray::detail {
 
 PyObject* VeltraObjectToPyObject::doConvert(const Array& a) {
-    if (a.getType() != ArrayType::VALUE_OBJECT)
-        return fail(PyExc_TypeError, "conversion of VELTRA handle object references to Python not supported yet");
+    if (a.getType() != ArrayType::VALUE_OBJECT) return types::wrapObjectArray(a);
     const std::string cls =
         foundation::veltradata::ValueObjectArray(a).getClassInfo().getClassIdentifier().getClassName();
     if (cls == "datetime") return datetimeToPython(a);
     if (cls == "duration") return durationToPython(a);
-    return fail(PyExc_TypeError, "conversion of VELTRA value object of class '" + cls + "' to Python not supported yet");
+    if (cls == "table" || cls == "timetable" || cls == "dictionary")
+        return fail(PyExc_TypeError, "conversion of VELTRA value object of class '" + cls + "' to Python not supported yet");
+    return types::wrapObjectArray(a);
+}
+
+std::optional<Array> PyObjectToObject::doConvert(PyObject* obj, const ConversionState&) {
+    return types::objectArray(obj);
 }
 
 }  // namespace PythonVeltraDataArray::detail

@@ -7,6 +7,7 @@
 #include "convert/module_state.h"
 #include "module/entry_points.h"
 #include "pyutil/ref.h"
+#include "types/object.h"
 #include "arraypkg/veltra_capi.h"
 
 namespace {
@@ -22,6 +23,34 @@ std::string textOf(PyObject* obj) {
         return std::string();
     }
     return utf8;
+}
+
+// Step 1: the module's own types go into the package `veltra`, once per process: a second import of py_pb,
+// or a reload, finds them there and does not replace them. Throws std::runtime_error with the step's
+// message, leaving no Python error behind.
+void injectTypes() {
+    static bool injected = false;  // under the import lock
+    if (injected) return;
+    Ref package = Ref::steal(PyImport_ImportModule("veltra"));
+    if (!package) {
+        if (PyErr_Occurred()) {
+            PyErr_Print();
+            throw std::runtime_error("Failed to initialize 'veltra' module.");
+        }
+        throw std::runtime_error("Failed to import 'veltra' module.");
+    }
+    Ref objectType = Ref::steal(PythonVeltraDataArray::types::objectType());
+    if (!objectType) {
+        PyErr_Clear();
+        throw std::runtime_error("PyType_Ready(&veltraObjectType) failed.");
+    }
+    if (PyModule_AddObjectRef(package.get(), "object", objectType.get()) < 0) {
+        PyErr_Clear();
+        throw std::runtime_error("PyModule_AddObject() failed for 'object'.");
+    }
+    // The type objects live as long as the process, whatever becomes of the package attribute.
+    Py_INCREF(objectType.get());
+    injected = true;
 }
 
 // Step 2: the typed array package, its capsule (the function table the numeric converters use) and its
@@ -87,9 +116,7 @@ PyModuleDef g_module = {
 
 PyMODINIT_FUNC PyInit_py_pb(void) {
     try {
-        // Step 1 goes here: inject the types `object` and `dictionary` (and ready the dictionary iterator)
-        // into the package `veltra`, once per process. It arrives together with those types.
-
+        injectTypes();         // step 1
         importArrayPackage();  // step 2
     } catch (const std::exception& e) {
         PyErr_SetString(PyExc_ValueError, (std::string("Unable to initialize py_pb. Details: ") + e.what()).c_str());

@@ -10,7 +10,7 @@ from veltra.loopback import loopback
 from veltra.wire import messages
 
 from conftest import (CELL, CHAR, DOUBLE, INT8, INT16, INT32, INT64, LOGICAL, SINGLE, STRING, STRUCT, UINT8, UINT16,
-                      UINT32, UINT64, VALUE_OBJECT)
+                      UINT32, UINT64, VALUE_OBJECT, HANDLE)
 
 # Element dtype of each raw kind (complex kinds by their real part).
 REAL_DTYPE = {
@@ -73,6 +73,8 @@ def decode(a):
         return kind, dims, [{f: decode(v) for f, v in zip(names, e)} for e in elements]
     if kind == VALUE_OBJECT:
         return kind, dims, (a.class_name, [{p.name: decode(p.value) for p in o.properties} for o in a.objects])
+    if kind == HANDLE:
+        return kind, dims, [(h.class_name, h.id) for h in a.handles]
     return kind, dims, None
 
 
@@ -129,6 +131,14 @@ def value_object(class_name, elements, dims=None):
         o = a.objects.add()
         for name, value in props.items():
             o.properties.add(name=name, value=value)
+    return a
+
+
+def handles(ids, dims=None, class_name="Figure"):
+    """A handle-object array of the given engine handle ids (column-major)."""
+    a = array(HANDLE, (1, len(ids)) if dims is None else dims)
+    for i in ids:
+        a.handles.add(class_name=class_name, id=i)
     return a
 
 

@@ -30,7 +30,8 @@ def test_module_definition():
 def test_missing_array_package_fails_initialisation_with_sys_path_listed():
     out = run_python(
         """
-        import sys
+        import sys, types
+        sys.modules["veltra"] = types.ModuleType("veltra")  # importable on its own, so step 1 passes
         sys.modules["veltramultidimarrayforpython"] = None
         sys.path.append("/no/such/dir")
         try:
@@ -59,7 +60,8 @@ def test_missing_array_package_fails_initialisation_with_sys_path_listed():
 def test_initialisation_step_failures(setup, details):
     out = run_python(
         f"""
-        import sys
+        import sys, types
+        sys.modules["veltra"] = types.ModuleType("veltra")  # importable on its own, so step 1 passes
         {setup}
         try:
             import py_pb

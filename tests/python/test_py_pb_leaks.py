@@ -15,9 +15,9 @@ import pytest
 
 import py_pb
 import veltramultidimarrayforpython as vpkg
-from conftest import DOUBLE, ENUM, HANDLE, LOGICAL, SINGLE, SPARSE_DOUBLE, VALUE_OBJECT, named, rss_kib
-from py_pb_peer import (array as pb_array, cell, char, datetime_fields, datetime_texts, duration, numeric, result, strings,
-                        struct)
+from conftest import DOUBLE, ENUM, LOGICAL, SINGLE, SPARSE_DOUBLE, VALUE_OBJECT, named, rss_kib
+from py_pb_peer import (array as pb_array, cell, char, datetime_fields, datetime_texts, duration, handles, numeric, result,
+                        strings, struct, value_object)
 from veltra.loopback import error_result, loopback
 from veltra.wire import messages
 
@@ -134,10 +134,20 @@ def _value_object():
     return vo
 
 
-def _handle():
-    h = messages().VELTRA_Array(type=HANDLE, dims=[1, 1])
-    h.handles.add(class_name="Figure", id=1)
-    return h
+OBJECTS = result(handles(range(BIG // 64), (2, BIG // 128)),
+                 value_object("finance.Model", [{"Rate": numeric(DOUBLE, [1.0] * 1024)}] * 6, (2, 3)))
+
+
+def _objects():
+    """veltra.object: made, indexed, compared and sent back, on the paths that succeed and those that fail."""
+    whole, model = py_pb.serialized_str_to_py(OBJECTS)
+    element = whole[1][5]
+    assert whole == whole and whole != element and model[1][2] == model[1][2]
+    py_pb.py_to_serialized_str((whole, element, model, model[0][1]))
+    for bad in (lambda: whole[2], lambda: element[0], lambda: whole < whole, lambda: whole == 1,
+                lambda: py_pb.py_to_serialized_str((model[1],))):
+        with pytest.raises((IndexError, TypeError)):
+            bad()
 
 
 FROM_BYTES_OK = [
@@ -169,7 +179,7 @@ FROM_BYTES_FAIL = [
     (result(datetime_texts(["2024-01-01", "not a date"])), ValueError),
     (result(duration([float("nan")])), ValueError),
     (result(duration([float("inf"), 1.0])), OverflowError),
-    (result(_handle()), TypeError),
+    (result(value_object("table", [{}], (1, 1))), TypeError),
     (result(struct(["u"], [[pb_array(0, ())]])), TypeError),
     (result(strings(["ok" * BIG, "\ud800"])), UnicodeDecodeError),
     (result(char("\udc00")), UnicodeDecodeError),
@@ -199,6 +209,7 @@ def _exercise():
             py_pb.serialized_str_to_py(bad)
     with pytest.raises(ValueError):
         py_pb.serialized_str_to_py(b"", nargout=1)
+    _objects()
 
 
 def _walk(obj, out, seen):
@@ -221,7 +232,7 @@ def _watched():
     for args, kwargs, *_ in TO_BYTES_OK + TO_BYTES_FAIL:
         _walk(args, objs, seen)
         _walk(kwargs, objs, seen)
-    objs += [FakeFloat, BadFloat, BadBool, Unknown, big_text, big_bytes]
+    objs += [FakeFloat, BadFloat, BadBool, Unknown, big_text, big_bytes, OBJECTS]
     objs += FROM_BYTES_OK + [d for d, _ in FROM_BYTES_FAIL] + UNREADABLE
     # Small ints, True and the like are shared by the whole interpreter: their counts move with everything.
     return [o for o in objs if sys.getrefcount(o) < 1000]
