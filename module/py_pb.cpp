@@ -7,6 +7,7 @@
 #include "convert/module_state.h"
 #include "module/entry_points.h"
 #include "pyutil/ref.h"
+#include "types/dictionary.h"
 #include "types/object.h"
 #include "arraypkg/veltra_capi.h"
 
@@ -48,8 +49,24 @@ void injectTypes() {
         PyErr_Clear();
         throw std::runtime_error("PyModule_AddObject() failed for 'object'.");
     }
+    Ref dictionaryType = Ref::steal(PythonVeltraDataArray::types::dictionaryType());
+    if (!dictionaryType) {
+        PyErr_Clear();
+        throw std::runtime_error("PyType_Ready(&veltraDictionaryType) failed.");
+    }
+    if (PyModule_AddObjectRef(package.get(), "dictionary", dictionaryType.get()) < 0) {
+        PyErr_Clear();
+        throw std::runtime_error("PyModule_AddObject() failed for 'dictionary'.");
+    }
+    Ref iterType = Ref::steal(PythonVeltraDataArray::types::dictionaryIterType());  // readied, not added
+    if (!iterType) {
+        PyErr_Clear();
+        throw std::runtime_error("PyType_Ready(&veltraDictionaryIter_Type) failed.");
+    }
     // The type objects live as long as the process, whatever becomes of the package attribute.
     Py_INCREF(objectType.get());
+    Py_INCREF(dictionaryType.get());
+    Py_INCREF(iterType.get());
     injected = true;
 }
 

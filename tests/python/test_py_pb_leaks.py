@@ -14,6 +14,7 @@ import pandas as pd
 import pytest
 
 import py_pb
+import veltra
 import veltramultidimarrayforpython as vpkg
 from conftest import DOUBLE, ENUM, LOGICAL, SINGLE, SPARSE_DOUBLE, VALUE_OBJECT, named, rss_kib
 from py_pb_peer import (array as pb_array, cell, char, datetime_fields, datetime_texts, duration, handles, numeric, result,
@@ -138,6 +139,21 @@ OBJECTS = result(handles(range(BIG // 64), (2, BIG // 128)),
                  value_object("finance.Model", [{"Rate": numeric(DOUBLE, [1.0] * 1024)}] * 6, (2, 3)))
 
 
+def _dictionaries():
+    """veltra.dictionary: made from every source, used as a mapping, compared, refused; cycles collected."""
+    d = veltra.dictionary({"a": [1]}, b=big_text)
+    for source in (collections.OrderedDict(x=1), collections.UserDict(x=1), collections.ChainMap({"x": 1}, {"y": 2}), d):
+        veltra.dictionary(source)
+    d["c"] = d
+    d["it"] = iter(d)
+    del d["a"]
+    assert list(d) == ["b", "c", "it"] and d.items() and d.todict() and d == d and repr(d)
+    for bad in (lambda: veltra.dictionary([1]), lambda: veltra.dictionary(collections.ChainMap(1)), lambda: d < d,
+                lambda: d == {}, lambda: d["missing"]):
+        with pytest.raises((TypeError, ValueError, KeyError)):
+            bad()
+
+
 def _objects():
     """veltra.object: made, indexed, compared and sent back, on the paths that succeed and those that fail."""
     whole, model = py_pb.serialized_str_to_py(OBJECTS)
@@ -210,6 +226,7 @@ def _exercise():
     with pytest.raises(ValueError):
         py_pb.serialized_str_to_py(b"", nargout=1)
     _objects()
+    _dictionaries()
 
 
 def _walk(obj, out, seen):
