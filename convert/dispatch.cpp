@@ -10,6 +10,7 @@
 #include "convert/bytes.h"
 #include "convert/container.h"
 #include "convert/datetime.h"
+#include "convert/dictionary.h"
 #include "convert/duration.h"
 #include "convert/error_converters.h"
 #include "convert/module_state.h"
@@ -79,7 +80,7 @@ void fillTypeRegistry(TypeRegistry& r, const std::shared_ptr<ArrayFactory>& f) {
     r.add<PyNumpyDatetime64ScalarToDatetime>("numpy.datetime64", f);
     r.add<PyTimedeltaToDuration>("datetime.timedelta", f);
     r.add<PyNumpyTimedelta64ToDuration>("numpy.timedelta64", f);
-    r.add<NotYetConvertible>("veltra.dictionary", f);               // PyDictionaryToDictionary
+    r.add<PyDictionaryToDictionary>("veltra.dictionary", f);
     r.add<NotYetConvertible>("pandas.DataFrame", f);                // PyDataFrameToTable
     r.add<NotYetConvertible>("pandas.core.frame.DataFrame", f);     // PyDataFrameToTable
     r.add<PyDatetimeToDatetime>("pandas.Timestamp", f);

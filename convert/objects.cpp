@@ -3,6 +3,7 @@
 #include <string>
 
 #include "convert/datetime.h"
+#include "convert/dictionary.h"
 #include "convert/duration.h"
 #include "types/object.h"
 
@@ -14,7 +15,8 @@ PyObject* VeltraObjectToPyObject::doConvert(const Array& a) {
         foundation::veltradata::ValueObjectArray(a).getClassInfo().getClassIdentifier().getClassName();
     if (cls == "datetime") return datetimeToPython(a);
     if (cls == "duration") return durationToPython(a);
-    if (cls == "table" || cls == "timetable" || cls == "dictionary")
+    if (cls == "dictionary") return dictionaryToPython(a);
+    if (cls == "table" || cls == "timetable")
         return fail(PyExc_TypeError, "conversion of VELTRA value object of class '" + cls + "' to Python not supported yet");
     return types::wrapObjectArray(a);
 }

@@ -23,12 +23,13 @@ occurrence is written): no input grows past a few tens of MiB on its way through
 """
 
 import array
+import collections
 import ctypes
 import datetime
-import zoneinfo
 import math
 import reprlib
 import sys
+import zoneinfo
 
 import atheris
 import numpy as np
@@ -155,6 +156,10 @@ class Gen:
                               np.datetime64("2020-01-01"), np.timedelta64(5, "s"), np.void(b"ab")])
         if self.chance(96):
             return self.time_value()
+        if self.chance(64):
+            return self.pick([collections.OrderedDict(a=1.5), collections.UserDict({1: "x"}),
+                              collections.ChainMap({"k": 1}, {"k": 2}), veltra.dictionary({2.5: [1]}),
+                              veltra.dictionary(), collections.OrderedDict([(1, 1), ("a", 2)])])
         return self.pick([None, datetime.date(2020, 1, 1), range(3), slice(1), Ellipsis, object(), int,
                           frozenset({1}), 1 + 0j])
 

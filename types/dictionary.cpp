@@ -346,6 +346,35 @@ PyType_Spec g_iterSpec = {"veltra.dictionary_iter", static_cast<int>(sizeof(Dict
 
 }  // namespace
 
+PyObject* newDictionaryFromEngine(PyObject* pairs, const foundation::veltradata::Array& source) {
+    Ref owned = Ref::steal(pairs);
+    if (!owned) return nullptr;
+    if (!g_type) {
+        Ref type = Ref::steal(dictionaryType());
+        if (!type) return nullptr;
+    }
+    auto* type = reinterpret_cast<PyTypeObject*>(g_type);
+    auto alloc = reinterpret_cast<allocfunc>(PyType_GetSlot(type, Py_tp_alloc));
+    Ref self = Ref::steal(alloc(type, 0));
+    if (!self) return nullptr;
+    auto* d = reinterpret_cast<VeltraDictionary*>(self.get());
+    d->state = new (std::nothrow) DictionaryState();
+    if (!d->state) return PyErr_NoMemory();
+    d->state->dict = owned.release();
+    d->state->source = source;
+    d->state->unchanged = 1;
+    return self.release();
+}
+
+bool dictionaryContents(PyObject* obj, PyObject*& pairs, std::optional<foundation::veltradata::Array>& unchangedSource) {
+    if (!isDictionary(obj)) return false;
+    const DictionaryState* s = reinterpret_cast<VeltraDictionary*>(obj)->state;
+    pairs = s ? s->dict : nullptr;
+    unchangedSource.reset();
+    if (s && s->unchanged && s->source) unchangedSource = s->source;
+    return true;
+}
+
 PyObject* dictionaryType() {
     if (!g_type) g_type = PyType_FromSpec(&g_spec);  // kept for the life of the process
     return g_type ? Py_NewRef(g_type) : nullptr;

@@ -5,10 +5,24 @@
 
 #include <Python.h>
 
+#include <optional>
+
+#include "veltradata/veltradata.h"
+
 namespace PythonVeltraDataArray::types {
 
 // The two types, created once per process; new references, or null with an error set.
 PyObject* dictionaryType();
 PyObject* dictionaryIterType();
+
+// A new veltra.dictionary over `pairs` (a dict, taken over: the caller's reference is stolen) that remembers
+// `source`, the engine dictionary it was read from, and counts as unchanged until an item is assigned or
+// deleted. Null with an error set.
+PyObject* newDictionaryFromEngine(PyObject* pairs, const foundation::veltradata::Array& source);
+
+// For a veltra.dictionary (checked by its real type): true, with its inner dict (borrowed) and, when it is
+// still the engine dictionary it was read as, that array. False, with nothing set, for any other object.
+// The inner dict is null for a dictionary the garbage collector has cleared.
+bool dictionaryContents(PyObject* obj, PyObject*& pairs, std::optional<foundation::veltradata::Array>& unchangedSource);
 
 }  // namespace PythonVeltraDataArray::types

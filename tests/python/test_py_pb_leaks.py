@@ -113,7 +113,7 @@ TO_BYTES_FAIL = [
     ((FakeDatetime(),), {}, IndexError),
     ((FakeTimedelta(),), {}, TypeError),
     ((FakeTimedelta64(),), {}, TypeError),
-    ((collections.OrderedDict(a=1),), {}, TypeError),
+    ((collections.OrderedDict([(1, 1), ("a", 2)]),), {}, TypeError),
     ((BadFloat(),), {}, TypeError),
     ((BadBool(),), {}, ZeroDivisionError),
     ((big_bytes, [BadBool()]), {}, ZeroDivisionError),
@@ -144,8 +144,17 @@ def _dictionaries():
     d = veltra.dictionary({"a": [1]}, b=big_text)
     for source in (collections.OrderedDict(x=1), collections.UserDict(x=1), collections.ChainMap({"x": 1}, {"y": 2}), d):
         veltra.dictionary(source)
+    sent = py_pb.py_to_serialized_str((d, collections.OrderedDict([(1, big_bytes), (2.5, [1])]), veltra.dictionary()))
+    back, *_ = py_pb.serialized_str_to_py(loopback(sent))
+    py_pb.py_to_serialized_str((back,))  # unchanged: the array it came as
+    back["new"] = 1
+    py_pb.py_to_serialized_str((back,))
     d["c"] = d
     d["it"] = iter(d)
+    small = veltra.dictionary()
+    small["me"] = small
+    with pytest.raises(RecursionError):
+        py_pb.py_to_serialized_str((small,))
     del d["a"]
     assert list(d) == ["b", "c", "it"] and d.items() and d.todict() and d == d and repr(d)
     for bad in (lambda: veltra.dictionary([1]), lambda: veltra.dictionary(collections.ChainMap(1)), lambda: d < d,

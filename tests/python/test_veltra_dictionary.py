@@ -2,14 +2,21 @@
 compares."""
 
 import collections
+import types
 
 import pytest
 
-import py_pb  # noqa: F401  (puts the type into the veltra package)
+import py_pb
 import veltra
+from conftest import CELL, CHAR, DOUBLE, INT32, INT64, LOGICAL, STRING, VALUE_OBJECT
+from py_pb_peer import cell, char, numeric, params, read_one, roundtrip, sent, strings, struct, value_object
 
 
 class Int(int):
+    pass
+
+
+class Sub(dict):
     pass
 
 
@@ -106,3 +113,121 @@ def test_a_dictionary_holding_itself_is_collected():
     del d
     gc.collect()
     assert len(gc.get_objects()) - before < 100
+
+
+# ---- to and from the engine ----
+
+def layout(value):
+    """What the peer decodes of the engine dictionary we write for `value`: (Keys, Values) or the Value text."""
+    [(kind, dims, (cls, [p]))] = sent(value)
+    assert (kind, dims, cls) == (VALUE_OBJECT, (1, 1), "dictionary") and list(p) == [
+        "Version", "IsKeyCombined", "IsValueCombined", "Value"]
+    assert (p["Version"], p["IsKeyCombined"], p["IsValueCombined"]) == (
+        (DOUBLE, (1, 1), [1.0]), (LOGICAL, (1, 1), [True]), (LOGICAL, (1, 1), [False]))
+    kind, dims, content = p["Value"]
+    if kind == CHAR:
+        return content
+    [fields] = content
+    return fields["Keys"], fields["Values"]
+
+
+@pytest.mark.parametrize(
+    "value, keys",
+    [
+        (veltra.dictionary(a=1, b="x"), (STRING, (2, 1), ["a", "b"])),
+        (collections.OrderedDict([(3, 1), (-2**63, 2)]), (INT64, (2, 1), [3, -2**63])),
+        (collections.UserDict({1: 1, 2.5: 2}), (DOUBLE, (2, 1), [1.0, 2.5])),
+        (collections.ChainMap({True: 1}, {True: 0, False: 2}), (LOGICAL, (2, 1), [True, False])),
+        (types.MappingProxyType({"k": 1, "j": 2}), (STRING, (2, 1), ["k", "j"])),
+        (Sub(z=1, y=2), (STRING, (2, 1), ["z", "y"])),
+    ],
+    ids=["dictionary", "ordered-int", "userdict-float", "chainmap-bool", "mappingproxy", "dict-subclass"],
+)
+def test_mappings_become_engine_dictionaries_with_one_kind_of_keys(value, keys):
+    got_keys, (kind, dims, values) = layout(value)
+    assert got_keys == keys and (kind, dims) == (CELL, (2, 1))
+    assert values == [sent(v)[0] for v in (value.values() if not isinstance(value, collections.ChainMap)
+                                           else dict(value).values())]
+
+
+def test_an_empty_dictionary_is_unconfigured():
+    assert layout(veltra.dictionary()) == layout(collections.OrderedDict()) == "Unconfigured"
+
+
+@pytest.mark.parametrize("bad", [{1: 1, "a": 2}, {True: 1, 2: 2}, {(1, 2): 3}, {None: 1}])
+def test_keys_of_mixed_or_other_kinds_are_refused(bad):
+    with pytest.raises(TypeError, match="^keys of a dictionary passed to VELTRA must be all str or all numbers, not "):
+        py_pb.py_to_serialized_str((veltra.dictionary(bad),))
+
+
+def test_dictionaries_round_trip_with_nested_values():
+    inner = veltra.dictionary(x=[1, "two"])
+    values = [veltra.dictionary(a=1.5, b="s", c=[1, 2], d={"f": 1}, e=inner), veltra.dictionary({1: "one", 2: 2.0}),
+              veltra.dictionary()]
+    back = roundtrip(*values)
+    assert back == values and type(back[0]["e"]) is veltra.dictionary
+
+
+def _engine_dictionary(keys, values, combined=True, extra=()):
+    fields = [keys, values]
+    return value_object("dictionary", [dict(Version=numeric(DOUBLE, [1.0], (1, 1)),
+                                            IsKeyCombined=numeric(LOGICAL, [True], (1, 1)),
+                                            IsValueCombined=numeric(LOGICAL, [combined], (1, 1)),
+                                            Value=struct(["Keys", "Values", *extra], [fields + [numeric(DOUBLE, [0])
+                                                                                                for _ in extra]]),
+                                            )], (1, 1))
+
+
+@pytest.mark.parametrize(
+    "message, expected",
+    [
+        (_engine_dictionary(strings(["a", "b"], (2, 1)), numeric(DOUBLE, [1, 2], (2, 1))), {"a": 1.0, "b": 2.0}),
+        (_engine_dictionary(numeric(INT32, [5, 6], (2, 1)), numeric(DOUBLE, [7], (1, 1))), {5: 7.0, 6: 7.0}),
+        (_engine_dictionary(cell([char("k"), numeric(DOUBLE, [2])], (2, 1)), cell([strings(["v"]), cell([])], (2, 1)),
+                            False), {"k": "v", 2.0: []}),
+        (value_object("dictionary", [{"Value": char("Unconfigured")}], (1, 1)), {}),
+    ],
+    ids=["combined-values", "one-value-for-every-key", "keys-as-cell", "unconfigured"],
+)
+def test_engine_dictionaries_come_back_as_veltra_dictionaries(message, expected):
+    d = read_one(message)
+    assert type(d) is veltra.dictionary and d.todict() == expected
+
+
+@pytest.mark.parametrize(
+    "message, text",
+    [
+        (_engine_dictionary(strings(["a", "b"], (2, 1)), numeric(DOUBLE, [1, 2, 3], (1, 3))),
+         "dimensions of the key and value must be the same, or the value must be scalar"),
+        (value_object("dictionary", [{"Value": numeric(DOUBLE, [1])}], (1, 1)),
+         "conversion of this dictionary to a veltra.dictionary not supported"),
+        (value_object("dictionary", [{}], (1, 1)), "conversion of this dictionary to a veltra.dictionary not supported"),
+        (_engine_dictionary(strings(["a"], (1, 1)), numeric(14, [1j], (1, 1))),
+         "conversion of this dictionary to a veltra.dictionary not supported"),
+    ],
+)
+def test_engine_dictionaries_of_other_layouts_are_refused(message, text):
+    with pytest.raises(ValueError) as e:
+        read_one(message)
+    assert str(e.value) == text
+
+
+def test_an_unchanged_dictionary_goes_back_as_it_came_and_a_changed_one_is_rebuilt():
+    engine = _engine_dictionary(strings(["a", "b"], (2, 1)), numeric(DOUBLE, [1, 2], (2, 1)))
+    as_sent = lambda d: params((d,)).rhs[0].SerializeToString()  # noqa: E731
+    d = read_one(engine)
+    d.keys(), d["a"], list(d), d.todict()  # reading changes nothing
+    assert as_sent(d) == engine.SerializeToString()
+    d["a"] = 1.0  # the same value, but assigned: rebuilt in our own layout
+    rebuilt = as_sent(d)
+    assert rebuilt != engine.SerializeToString() and layout(d)[0] == (STRING, (2, 1), ["a", "b"])
+    emptied = read_one(engine)
+    emptied.clear()
+    assert layout(emptied) == "Unconfigured"
+
+
+def test_a_dictionary_holding_itself_is_refused_with_recursion_error():
+    d = veltra.dictionary()
+    d["me"] = d
+    with pytest.raises(RecursionError):
+        py_pb.py_to_serialized_str((d,))

@@ -1,0 +1,260 @@
+#include "convert/dictionary.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "convert/budget.h"
+#include "convert/dispatch.h"
+#include "convert/recursion_guard.h"
+#include "convert/text.h"
+#include "types/dictionary.h"
+
+namespace PythonVeltraDataArray::detail {
+
+namespace {
+
+using foundation::veltradata::Struct;
+using foundation::veltradata::ValueObject;
+using foundation::veltradata::ValueObjectArray;
+using foundation::veltradata::VeltraClassIdentifier;
+using foundation::veltradata::VeltraPropertyIdentifier;
+using foundation::veltradata::VeltraString;
+
+constexpr char kUnconfigured[] = "Unconfigured";
+constexpr char kNotSupported[] = "conversion of this dictionary to a veltra.dictionary not supported";
+constexpr char kShapes[] = "dimensions of the key and value must be the same, or the value must be scalar";
+constexpr char kPairSize[] = "invalid number of elements in object to be converted to a VELTRA dictionary: ";
+constexpr char kNoContents[] = "unable to iterate over veltra.dictionary object";
+constexpr char kKeyKinds[] = "keys of a dictionary passed to VELTRA must be all str or all numbers, not ";
+
+struct DictionaryIds {
+    VeltraClassIdentifier cls{"dictionary"};
+    VeltraPropertyIdentifier version{"Version"}, keyCombined{"IsKeyCombined"}, valueCombined{"IsValueCombined"},
+        value{"Value"};
+    std::vector<VeltraPropertyIdentifier> list{version, keyCombined, valueCombined, value};
+};
+const DictionaryIds& ids() {
+    static const DictionaryIds kIds;
+    return kIds;
+}
+
+bool typeNamed(PyObject* obj, const char* name) {
+    Ref type = Ref::steal(PyType_GetName(Py_TYPE(obj)));
+    if (!type) {
+        PyErr_Clear();
+        return false;
+    }
+    return PyUnicode_CompareWithASCIIString(type.get(), name) == 0;
+}
+
+// The pairs of a mapping as a list of (key, value) tuples: a snapshot, so that value conversions that run
+// Python code and change the mapping cannot upset the walk. Null with an error set.
+Ref pairsOf(PyObject* obj, PyObject* veltraPairs) {
+    if (veltraPairs) return Ref::steal(PyDict_Items(veltraPairs));
+    if (typeNamed(obj, "ChainMap")) {
+        Ref items = Ref::steal(PyMapping_Items(obj));
+        if (!items) {
+            pyutil::replaceError(PyExc_ValueError, "unable to retrieve contents of ChainMap object");
+            return Ref();
+        }
+        Ref merged = Ref::steal(PyDict_New());  // without overriding: the first map wins, as in the ChainMap
+        if (!merged || PyDict_MergeFromSeq2(merged.get(), items.get(), 0) < 0) return Ref();
+        return Ref::steal(PyDict_Items(merged.get()));
+    }
+    if (typeNamed(obj, "UserDict")) {
+        Ref data = Ref::steal(PyObject_GetAttrString(obj, "data"));
+        if (data && PyDict_Check(data.get())) return Ref::steal(PyDict_Items(data.get()));
+        if (!data && !PyErr_ExceptionMatches(PyExc_AttributeError)) return Ref();
+        PyErr_Clear();  // no data of its own: read it as the mapping it is
+    }
+    if (PyDict_Check(obj)) return Ref::steal(PyDict_Items(obj));  // a dict subclass: its own storage
+    Ref items = Ref::steal(PyMapping_Items(obj));
+    if (!items) failProtocol(obj);
+    return items;
+}
+
+enum class KeyKind { None, Str, Int, Float, Bool };
+
+KeyKind kindOf(PyObject* key) {
+    if (PyUnicode_Check(key)) return KeyKind::Str;
+    if (PyBool_Check(key)) return KeyKind::Bool;
+    if (PyLong_Check(key)) return KeyKind::Int;
+    if (PyFloat_Check(key)) return KeyKind::Float;
+    return KeyKind::None;
+}
+
+// Number keys as one N-by-1 array of T, each read by `read` (which fails returning -1 with an error set).
+template <typename T, typename Read>
+std::optional<Array> numericKeys(ArrayFactory& f, const std::vector<PyObject*>& keys, Read read) {
+    Array a = f.createArray(foundation::veltradata::ElementKind<T>::value, {keys.size(), 1});
+    auto* out = reinterpret_cast<T*>(foundation::veltradata::mutableElementBytes(a));
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        out[i] = read(keys[i]);
+        if (out[i] == T(-1) && PyErr_Occurred()) return failed();
+    }
+    return a;
+}
+
+// The keys as one N-by-1 array of the kind they all share: str, bool, or numbers (int, with a float among
+// them float).
+std::optional<Array> keysArray(ArrayFactory& f, const std::vector<PyObject*>& keys) {
+    const std::uint64_t n = keys.size();
+    auto family = [](KeyKind k) { return k == KeyKind::Float ? KeyKind::Int : k; };
+    KeyKind kind = KeyKind::None;
+    for (PyObject* k : keys) {
+        const KeyKind mine = kindOf(k);
+        if (mine == KeyKind::None || (kind != KeyKind::None && family(mine) != family(kind)))
+            return fail(PyExc_TypeError, kKeyKinds + pyutil::shortRepr(k));
+        if (kind == KeyKind::None || mine == KeyKind::Float) kind = mine;
+    }
+    switch (kind) {
+        case KeyKind::Str: {
+            std::vector<VeltraString> texts;
+            texts.reserve(n);
+            for (PyObject* k : keys) {
+                std::optional<std::u16string> units = pyUnicodeToUtf16(k);
+                if (!units) return failed();
+                texts.emplace_back(std::move(*units));
+            }
+            return Array(f.createStringArray({n, 1}, std::move(texts)));
+        }
+        case KeyKind::Int: return numericKeys<std::int64_t>(f, keys, PyLong_AsLongLong);
+        case KeyKind::Float: return numericKeys<double>(f, keys, PyFloat_AsDouble);
+        case KeyKind::Bool: {
+            Array a = f.createArray(ArrayType::LOGICAL, {n, 1});
+            std::uint8_t* out = foundation::veltradata::mutableElementBytes(a);
+            for (std::uint64_t i = 0; i < n; ++i) out[i] = keys[i] == Py_True;
+            return a;
+        }
+        default: return Array(f.createStringArray({0, 1}, {}));
+    }
+}
+
+// How many keys an engine dictionary read before holds (0 when empty or of a layout not ours).
+std::uint64_t keyCount(const Array& a) {
+    const ValueObject& v = foundation::veltradata::valueObjects(a)[0];
+    if (!v.hasProperty(ids().value)) return 0;
+    const Array& payload = v[ids().value];
+    if (payload.getType() != ArrayType::STRUCT || payload.getNumberOfElements() != 1) return 0;
+    const Struct s = payload[0].getValue<Struct>();
+    return s.hasField("Keys") ? s["Keys"].getNumberOfElements() : 0;
+}
+
+// Element i of a keys or values array as a Python object; null with an error set.
+PyObject* elementToPython(const Array& a, std::uint64_t i) {
+    switch (a.getType()) {
+        case ArrayType::CELL: {
+            const Array& e = foundation::veltradata::cellElements(a)[i];
+            return e.isEmpty() ? PyList_New(0) : convertToPython(e);
+        }
+        case ArrayType::VELTRA_STRING: {
+            const VeltraString& s = foundation::veltradata::stringElements(a)[i];
+            if (!s) Py_RETURN_NONE;
+            return PyUnicode_DecodeUTF16(reinterpret_cast<const char*>(s->data()), static_cast<Py_ssize_t>(s->size() * 2),
+                                         "surrogatepass", nullptr);
+        }
+        case ArrayType::LOGICAL: return PyBool_FromLong(a[i].castTo<bool>());
+        case ArrayType::DOUBLE:
+        case ArrayType::SINGLE: return PyFloat_FromDouble(a[i].castTo<double>());
+        case ArrayType::UINT64: return PyLong_FromUnsignedLongLong(a[i].castTo<std::uint64_t>());
+        case ArrayType::INT8:
+        case ArrayType::UINT8:
+        case ArrayType::INT16:
+        case ArrayType::UINT16:
+        case ArrayType::INT32:
+        case ArrayType::UINT32:
+        case ArrayType::INT64: return PyLong_FromLongLong(a[i].castTo<std::int64_t>());
+        default: return fail(PyExc_ValueError, kNotSupported);
+    }
+}
+
+}  // namespace
+
+std::optional<Array> PyDictionaryToDictionary::doConvert(PyObject* obj, const ConversionState& state) {
+    RecursionGuard guard(" while converting a Python object to VELTRA");
+    if (!guard) return failed();
+
+    PyObject* veltraPairs = nullptr;
+    std::optional<Array> unchanged;
+    if (types::dictionaryContents(obj, veltraPairs, unchanged)) {
+        if (!veltraPairs) return fail(PyExc_ValueError, kNoContents);
+        // As it came, unless clear() emptied it, which leaves the unchanged flag as it is.
+        if (unchanged && PyDict_Size(veltraPairs) == static_cast<Py_ssize_t>(keyCount(*unchanged))) return unchanged;
+    }
+    const Ref pairs = pairsOf(obj, veltraPairs);
+    if (!pairs) return failed();
+    // items() gives a list (PyMapping_Items makes one of whatever a mapping's items() returns).
+    if (!PyList_Check(pairs.get())) return failUnsupportedType(obj);
+    const Py_ssize_t n = PyList_Size(pairs.get());
+
+    std::vector<PyObject*> keys;  // borrowed from the snapshot, which lives to the end
+    std::vector<Array> values;
+    keys.reserve(static_cast<std::size_t>(n));
+    values.reserve(static_cast<std::size_t>(n));
+    const ConversionState inner = state.forElement();
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        PyObject* pair = PyList_GetItem(pairs.get(), i);
+        if (!PyTuple_Check(pair) || PyTuple_Size(pair) != 2) {
+            const Py_ssize_t size = PyObject_Length(pair);
+            PyErr_Clear();
+            return fail(PyExc_ValueError, kPairSize + std::to_string(size));
+        }
+        keys.push_back(PyTuple_GetItem(pair, 0));
+        std::optional<Array> value = convertToArray(PyTuple_GetItem(pair, 1), inner);
+        if (!value) return failed();
+        values.push_back(std::move(*value));
+    }
+
+    const DictionaryIds& id = ids();
+    Array payload;
+    if (n == 0) {
+        payload = factory().createCharArray(std::string(kUnconfigured));
+    } else {
+        std::optional<Array> keyArray = keysArray(factory(), keys);
+        if (!keyArray) return failed();
+        const auto count = static_cast<std::uint64_t>(n);
+        foundation::veltradata::StructArray s = factory().createStructArray({1, 1}, {"Keys", "Values"});
+        s[0]["Keys"] = *keyArray;
+        s[0]["Values"] = Array(factory().createCellArray({count, 1}, std::move(values)));
+        payload = std::move(s);
+    }
+    ValueObjectArray out = factory().createValueObjectScalar(id.cls, id.list);
+    out.setProperty(0, id.version, factory().createScalar<double>(1.0));
+    out.setProperty(0, id.keyCombined, factory().createScalar<bool>(true));
+    out.setProperty(0, id.valueCombined, factory().createScalar<bool>(false));
+    out.setProperty(0, id.value, payload);
+    return Array(std::move(out));
+}
+
+PyObject* dictionaryToPython(const Array& a) {
+    RecursionGuard guard(" while converting a VELTRA array to Python");
+    if (!guard) return nullptr;
+    const DictionaryIds& id = ids();
+    if (a.getType() != ArrayType::VALUE_OBJECT || a.getNumberOfElements() != 1) return fail(PyExc_ValueError, kNotSupported);
+    const ValueObject& v = foundation::veltradata::valueObjects(a)[0];
+    if (!v.hasProperty(id.value)) return fail(PyExc_ValueError, kNotSupported);
+    const Array& payload = v[id.value];
+
+    Ref dict = Ref::steal(PyDict_New());
+    if (!dict) return nullptr;
+    if (payload.getType() == ArrayType::STRUCT && payload.getNumberOfElements() == 1) {
+        const Struct s = payload[0].getValue<Struct>();
+        if (!s.hasField("Keys") || !s.hasField("Values")) return fail(PyExc_ValueError, kNotSupported);
+        const Array& keys = s["Keys"];
+        const Array& values = s["Values"];
+        const std::uint64_t nk = keys.getNumberOfElements(), nv = values.getNumberOfElements();
+        if (nv != nk && nv != 1) return fail(PyExc_ValueError, kShapes);
+        for (std::uint64_t i = 0; i < nk; ++i) {
+            if (!pollSignals()) return nullptr;
+            Ref key = Ref::steal(elementToPython(keys, i));
+            Ref value = key ? Ref::steal(elementToPython(values, nv == 1 ? 0 : i)) : Ref();
+            if (!value || PyDict_SetItem(dict.get(), key.get(), value.get()) < 0) return nullptr;
+        }
+    } else if (!(payload.isEmpty() || payload.getType() == ArrayType::CHAR)) {
+        return fail(PyExc_ValueError, kNotSupported);  // "Unconfigured", or nothing at all: empty
+    }
+    return types::newDictionaryFromEngine(dict.release(), a);
+}
+
+}  // namespace PythonVeltraDataArray::detail
