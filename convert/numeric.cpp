@@ -4,6 +4,7 @@
 #include "convert/datetime.h"
 #include "convert/dispatch.h"
 #include "convert/duration.h"
+#include "convert/text_arrays.h"
 #include "convert/module_state.h"
 #include "convert/py_helpers.h"
 #include "pyutil/messages.h"
@@ -113,6 +114,11 @@ std::optional<Array> NumpyNDArrayObjectToBuffer::doConvert(PyObject* obj, const 
     }
     const char kind = kindText[0];
     if (kind == 'M' || kind == 'm') return convertNumpyTimeKind(kind, obj, state);
+    if (kind == 'U' || kind == 'S' || kind == 'O') {
+        bool notText = false;
+        std::optional<Array> text = numpyTextArray(factory(), obj, kind, state, notText);
+        if (text || !notText) return text;  // an object array of other things: the buffer path refuses it
+    }
     return fromBuffer(obj, state.budget);
 }
 

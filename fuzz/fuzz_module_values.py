@@ -114,7 +114,9 @@ class Gen:
         self.mutated = False  # a container holds a value whose conversion changes the container
         self.impostors = False
         self.nameless = False  # an impostor class with an empty name
-        self.times = False  # a time value: one duration may come back as timedelta's own refusal
+        # A value that may not read back: one duration (timedelta's own refusal of NaN), a text array of more
+        # than one row and column (string arrays come back as lists only).
+        self.one_way = False
 
     def int_in(self, lo, hi):
         return self.fdp.ConsumeIntInRange(lo, hi)
@@ -164,8 +166,7 @@ class Gen:
                           frozenset({1}), 1 + 0j])
 
     def time_value(self):
-        # A single duration of NaN or beyond datetime.timedelta's range comes back as timedelta's own error.
-        self.times = True
+        self.one_way = True
         zone = self.pick([None, datetime.timezone.utc, datetime.timezone(datetime.timedelta(minutes=-30)),
                           datetime.timezone(datetime.timedelta(hours=5, minutes=45)), zoneinfo.ZoneInfo("Europe/Paris"),
                           zoneinfo.ZoneInfo("UTC"), datetime.timezone(datetime.timedelta(hours=-23, minutes=-59))])
@@ -194,7 +195,7 @@ class Gen:
 
     def ndarray(self):
         dt = np.dtype(self.pick(DTYPES))
-        self.times = self.times or dt.kind in "mM"
+        self.one_way = self.one_way or dt.kind in "mMUSO"
         ndim = self.pick([0, 1, 1, 2, 2, 2, 3, 4, 7])
         shape = [self.pick([0, 1, 1, 2, 3, 4, 5]) for _ in range(ndim)]
         count = int(np.prod(shape)) if shape else 1
@@ -621,7 +622,7 @@ def TestOneInput(data):
     back = support.read(loopback(out))
     if back is None:
         # The result puts one more level around each input than the parameters did.
-        if gen.max_depth >= 199 or gen.times:
+        if gen.max_depth >= 199 or gen.one_way:
             return
         raise support.Unexpected("what py_to_serialized_str wrote does not read back")
     if type(args) is tuple and not gen.mutated:

@@ -53,14 +53,15 @@ def decode(a):
             values = values[0::2].astype(complex) + 1j * values[1::2].astype(complex)
         return kind, dims, values.tolist()
     if kind == STRING:
-        units = a.string_units.decode("utf-16-le", "surrogatepass")
+        # Lengths count UTF-16 code units: cut the bytes, then decode each (a pair is one character).
+        units = a.string_units
         out, pos = [], 0
         for n in a.string_lengths:
             if n < 0:
                 out.append(None)
             else:
-                out.append(units[pos:pos + n])
-                pos += n
+                out.append(units[pos:pos + 2 * n].decode("utf-16-le", "surrogatepass"))
+                pos += 2 * n
         return kind, dims, out
     if kind == CELL:
         return kind, dims, [decode(e) for e in a.elements]

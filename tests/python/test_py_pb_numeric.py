@@ -173,11 +173,11 @@ def test_buffer_is_released_on_success_and_on_failure():
 @pytest.mark.parametrize(
     "value,text",
     [
-        # Every dtype kind but the time kinds goes to the capsule, text and objects too.
-        (np.array(["ab", "c"]), "unsupported buffer format '2w' (text)"),
+        # Every dtype kind but time and text goes to the capsule, and object arrays of anything but text.
+        (np.array([1, "a"], dtype=object), "unsupported buffer format 'O' (Python object)"),
         (memoryview(np.array([1.0, 2.0], dtype=np.float16)), "unsupported buffer format 'e' (16-bit float)"),
     ],
-    ids=["numpy-str", "memoryview-float16"],
+    ids=["numpy-object", "memoryview-float16"],
 )
 def test_unsupported_formats_raise_the_capsule_type_error(value, text):
     # Entry 2's own TypeError reaches the caller (the formats it refuses: test_arraypkg_capi.py).
@@ -336,6 +336,8 @@ def test_numeric_conversions_do_not_leak():
     inputs = [
         big,
         big.T[::2],
+        np.array(["ab", "\U0001F600", "c", ""] * 1000), np.array([b"x", b"yz"]),
+        np.array(["a", None, float("nan")], dtype=object),
         np.arange(12, dtype=">i4").reshape(3, 4),
         np.array(3.5),
         memoryview(np.arange(6.0)),
@@ -346,7 +348,9 @@ def test_numeric_conversions_do_not_leak():
     ]
     failing = [
         (np.zeros(3, dtype=np.float16), TypeError),
-        (np.array(["x"]), TypeError),
+        (np.array([1, "x"], dtype=object), TypeError),
+        (np.array(["\ud800"]), UnicodeEncodeError),
+        (np.array([b"\xff"]), UnicodeDecodeError),
         (memoryview(np.zeros(2, dtype=np.float16)), TypeError),
         (_fake_ndarray(), AttributeError),
         (_fake_ndarray(dtype=_Kind(5)), AttributeError),

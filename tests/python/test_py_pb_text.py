@@ -1,9 +1,11 @@
 """Text: str to char arrays (always UTF-16 code units), char and string arrays back to str."""
 
+import numpy as np
+import pandas as pd
 import pytest
 
 import py_pb
-from conftest import CHAR
+from conftest import CHAR, STRING
 from py_pb_peer import cell, char, read_one, roundtrip, sent, strings, struct
 
 CHAR_SHAPE = "char arrays returned from VELTRA must be 1-by-N or M-by-1"
@@ -159,3 +161,21 @@ def test_string_element_with_unpaired_surrogate_fails_the_list():
 
 def test_text_inside_cells():
     assert read_one(cell([char("ab"), strings(["c", None]), strings([None])])) == ["ab", ["c", None], None]
+
+
+# ---- numpy text arrays ----
+
+@pytest.mark.parametrize(
+    "value, dims, texts",
+    [
+        (np.array([["ab", "c"], ["\U0001F600", "x\x00"]]), (2, 2), ["ab", "\U0001F600", "c", "x"]),
+        (np.array([["ab", "c"], ["d", "e"]], dtype=">U2").T, (2, 2), ["ab", "c", "d", "e"]),
+        (np.array([b"ab", b"c\x00", "é".encode()]), (1, 3), ["ab", "c", "é"]),
+        (np.array(["a", None, float("nan"), pd.NA], dtype=object), (1, 4), ["a", None, None, None]),
+        (np.array("solo"), (1, 1), ["solo"]),
+        (np.zeros((0, 3), dtype="U1"), (0, 3), []),
+    ],
+    ids=["unicode-2d", "byteswapped-transposed", "bytes-utf8", "object-with-missing", "0-d", "empty"],
+)
+def test_numpy_text_arrays_become_string_arrays_in_column_major_order(value, dims, texts):
+    assert sent(value) == [(STRING, dims, texts)]
