@@ -127,10 +127,14 @@ std::optional<Array> PyNumpyDatetime64ScalarToDatetime::doConvert(PyObject* obj,
 }
 
 std::optional<Array> PyNumpyDatetime64ArrayToDatetime::doConvert(PyObject* obj, const ConversionState& state) {
+    // Charged before anything is copied: a byte-swapped broadcast view is copied whole to native order.
+    std::uint64_t claimed = 0, itemsize = 0;
+    if (!numpySize(obj, claimed, itemsize)) return failed();
+    if (state.budget && !state.budget->chargeBytes(claimed * 8)) return failed();
     TimeArrayValues values;
     if (!values.open(obj)) return failed();
     const std::uint64_t n = values.size();
-    if (state.budget && !state.budget->chargeBytes(n * (2 * textUnits(values.unit()) + 2))) return failed();
+    if (state.budget && !state.budget->chargeBytes(n * (2 * textUnits(values.unit()) + 2) - n * 8)) return failed();
 
     std::vector<VeltraString> texts;
     texts.reserve(n);

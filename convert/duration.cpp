@@ -80,9 +80,12 @@ std::optional<Array> PyNumpyTimedelta64ToDuration::doConvert(PyObject* obj, cons
         if (!array) return failed();
     }
 
+    // Charged before anything is copied: a byte-swapped broadcast view is copied whole to native order.
+    std::uint64_t claimed = 0, itemsize = 0;
+    if (!numpySize(array.get(), claimed, itemsize)) return failed();
+    if (state.budget && !state.budget->chargeBytes(claimed * sizeof(double))) return failed();
     TimeArrayValues values;
     if (!values.open(array.get())) return failed();
-    if (state.budget && !state.budget->chargeBytes(values.size() * sizeof(double))) return failed();
     Array millis = factory().createArray(ArrayType::DOUBLE, values.dims());
     auto* out = reinterpret_cast<double*>(foundation::veltradata::mutableElementBytes(millis));
     const bool ok = values.forEachColumnMajor([&](std::int64_t v) {

@@ -13,6 +13,21 @@ pyutil::Ref importNumpy() {
     return numpy;
 }
 
+bool numpySize(PyObject* array, std::uint64_t& size, std::uint64_t& itemsize) {
+    const pyutil::Ref numpy = importNumpy();
+    const pyutil::Ref ndarray = numpy ? pyutil::Ref::steal(PyObject_GetAttrString(numpy.get(), "ndarray")) : pyutil::Ref();
+    const int isArray = ndarray ? PyObject_IsInstance(array, ndarray.get()) : -1;
+    if (isArray < 0) return false;
+    if (!isArray) return failUnsupportedType(array);
+    const pyutil::Ref n = pyutil::Ref::steal(PyObject_GetAttrString(array, "size"));
+    const pyutil::Ref item = pyutil::Ref::steal(PyObject_GetAttrString(array, "itemsize"));
+    if (!n || !item) return false;
+    size = PyLong_AsUnsignedLongLong(n.get());
+    if (size == static_cast<std::uint64_t>(-1) && PyErr_Occurred()) return false;
+    itemsize = PyLong_AsUnsignedLongLong(item.get());
+    return !(itemsize == static_cast<std::uint64_t>(-1) && PyErr_Occurred());
+}
+
 bool TimeArrayValues::open(PyObject* array) {
     const pyutil::Ref numpy = importNumpy();
     if (!numpy) return false;

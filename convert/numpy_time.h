@@ -17,6 +17,11 @@ namespace PythonVeltraDataArray::detail {
 // The numpy module; ImportError "failed to import module 'numpy'" (with the import's own error as its cause).
 pyutil::Ref importNumpy();
 
+// The element count and item size a numpy array (a real one: TypeError naming the type otherwise) reports,
+// read before anything is copied out of it: a broadcast view claims far more elements than it holds. False
+// with an error set.
+bool numpySize(PyObject* array, std::uint64_t& size, std::uint64_t& itemsize);
+
 // The values of a numpy array (a real ndarray) of kind "M" or "m", as numpy stores them.
 class TimeArrayValues {
 public:

@@ -92,6 +92,12 @@ std::optional<Array> numpyTextArray(ArrayFactory& f, PyObject* array, char kind,
     notText = false;
     std::optional<Dims> dims = dimsOf(array);
     if (!dims) return failed();
+    // Charged before the column-major copy, which a broadcast view would make at its full claimed size: the
+    // UTF-16 of text takes at most twice its UCS4 or byte size, an object element at least two bytes.
+    std::uint64_t claimed = 0, itemsize = 0;
+    if (!numpySize(array, claimed, itemsize)) return failed();
+    const std::uint64_t estimate = kind == 'O' ? claimed * 2 : kind == 'U' ? claimed * (itemsize / 2) : claimed * itemsize * 2;
+    if (state.budget && !state.budget->chargeBytes(estimate)) return failed();
     Ref flat = flatColumnMajor(array);
     if (!flat) return failed();
     std::vector<VeltraString> texts;
@@ -126,8 +132,6 @@ std::optional<Array> numpyTextArray(ArrayFactory& f, PyObject* array, char kind,
         const std::size_t itemsize = static_cast<std::size_t>(view->itemsize);
         const std::size_t n = itemsize ? static_cast<std::size_t>(view->len) / itemsize : 0;
         const auto* base = static_cast<const char*>(view->buf);
-        // Each element takes at most its own bytes again as UTF-16: refused before anything is built.
-        if (state.budget && !state.budget->chargeBytes(static_cast<std::uint64_t>(view->len) * 2)) return failed();
         texts.reserve(n);
         std::u16string text;
         std::vector<char32_t> cps;
@@ -150,7 +154,7 @@ std::optional<Array> numpyTextArray(ArrayFactory& f, PyObject* array, char kind,
         }
         return Array(f.createStringArray(std::move(*dims), std::move(texts)));
     }
-    if (state.budget && !state.budget->chargeBytes(units * 2)) return failed();
+    if (state.budget && units * 2 > estimate && !state.budget->chargeBytes(units * 2 - estimate)) return failed();
     return Array(f.createStringArray(std::move(*dims), std::move(texts)));
 }
 

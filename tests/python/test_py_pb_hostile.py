@@ -114,6 +114,10 @@ SIZE_CASES = {
     "one 2.5 GiB array": ("[np.ones(5 << 27)]", 64),
     "two 1.2 GiB arrays": ("[np.ones(1200 << 17), np.ones(1200 << 17)]", 1200 + 64),
     "a broadcast view of one element": ("[np.broadcast_to(np.ones(1), (1 << 30,))]", 16),
+    # Text and time arrays are copied (to column-major, or to native byte order) before their elements are
+    # read: the claim is charged first.
+    "broadcast text": ("[np.broadcast_to(np.array(['ab']), (1 << 32,))]", 16),
+    "broadcast byte-swapped dates": ("[np.broadcast_to(np.array([1], '>M8[ns]'), (1 << 33,))]", 16),
 }
 
 
