@@ -366,7 +366,8 @@ Span readLen(Reader& r, int field) {
     return s;
 }
 
-void readVarints(Reader& r, int field, WireType wt, std::vector<std::uint64_t>& out) {
+template <typename Container>
+void readVarints(Reader& r, int field, WireType wt, Container& out) {
     if (!wire::readRepeatedVarint(r, wt, out)) malformed("field " + std::to_string(field) + " is cut short or unparseable");
 }
 
@@ -387,7 +388,8 @@ void forEachField(Span msg, const char* what, F&& on) {
 struct ArrayFields {
     std::int32_t type = 0;
     std::uint32_t seen = 0;  // bit f: field f occurred
-    std::vector<std::uint64_t> dims, lengths, externalDims, rows, cols;
+    std::vector<std::uint64_t> dims, externalDims, rows, cols;
+    wire::SmallVector<std::uint64_t, 4> lengths;  // one per string: a string scalar's needs no heap block
     Span data, units, className;
     // Cells and structs are mostly small: their lists of element and field-name positions start inline.
     wire::SmallVector<Span, 8> elements;

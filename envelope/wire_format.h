@@ -155,7 +155,8 @@ private:
 
 // Repeated scalar fields may arrive packed (one length-delimited run) or one value per tag: protobuf
 // readers accept both. Appends the value(s) of one occurrence; false when malformed.
-inline bool readRepeatedVarint(Reader& r, WireType wt, std::vector<std::uint64_t>& out) {
+template <typename Container>
+bool readRepeatedVarint(Reader& r, WireType wt, Container& out) {
     if (wt == kVarint) {
         std::uint64_t v;
         if (!r.varint(v)) return false;
@@ -194,6 +195,10 @@ public:
         }
         heap_.push_back(v);
         ++size_;
+    }
+    // Room for n entries at once; inline storage needs none.
+    void reserve(std::size_t n) {
+        if (n > N) heap_.reserve(n);
     }
     std::size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
