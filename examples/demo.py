@@ -2,7 +2,7 @@
 
 1. Build the inputs of a realistic call in Python.
 2. Turn them into a parameters message with py_pb.py_to_serialized_str.
-3. Look inside that message with the plain protobuf classes (veltra.wire), independently of py_pb.
+3. Look inside that message with the message inspector (veltra.inspect), independently of py_pb.
 4. Answer it with the loopback (a result whose outputs are the call's inputs), as the engine would answer.
 5. Convert the result back with py_pb.serialized_str_to_py and print the Python values.
 6. Show how an engine error comes back.
@@ -16,70 +16,9 @@ import zoneinfo
 import numpy as np
 
 import py_pb
+from veltra.inspect import inspect, render
 from veltra.loopback import loopback
 from veltra.wire import messages
-
-KINDS = {
-    0: "empty", 1: "logical", 2: "char", 3: "string", 4: "double", 5: "single",
-    6: "int8", 7: "uint8", 8: "int16", 9: "uint16", 10: "int32", 11: "uint32", 12: "int64", 13: "uint64",
-    24: "cell", 25: "struct", 27: "value object", 28: "handle",
-}
-WIRE_DTYPES = {
-    1: "u1", 4: "<f8", 5: "<f4", 6: "i1", 7: "u1", 8: "<i2", 9: "<u2", 10: "<i4", 11: "<u4", 12: "<i8", 13: "<u8",
-    14: "<c16", 15: "<c8",
-}
-
-
-def kind_name(kind):
-    if 14 <= kind <= 23:
-        return "complex " + KINDS[kind - 10]
-    return KINDS.get(kind, f"kind {kind}")
-
-
-def preview(values, limit=8):
-    items = [repr(v) for v in values[:limit]]
-    if len(values) > limit:
-        items.append(f"... ({len(values)} in all)")
-    return "[" + ", ".join(items) + "]"
-
-
-def describe(arr, label, indent="  "):
-    """Print one VELTRA_Array message as a short tree."""
-    dims = "x".join(str(d) for d in arr.dims) or "0x0"
-    head = f"{indent}{label}: {kind_name(arr.type)} {dims}"
-    if arr.type == 2:
-        print(f"{head}  {arr.data.decode('utf-16-le')!r}")
-    elif arr.type == 3:
-        units = np.frombuffer(arr.string_units, dtype="<u2")
-        pos, texts = 0, []
-        for n in arr.string_lengths:
-            texts.append(None if n < 0 else units[pos:pos + n].tobytes().decode("utf-16-le"))
-            pos += max(n, 0)
-        print(f"{head}  {preview(texts)}")
-    elif arr.type in WIRE_DTYPES:
-        values = np.frombuffer(arr.data, dtype=WIRE_DTYPES[arr.type])
-        if arr.type == 1:
-            values = values.astype(bool)
-        nbytes = len(arr.data)
-        print(f"{head}  {nbytes} payload byte{'s' if nbytes != 1 else ''}, column-major: {preview(values.tolist())}")
-    elif arr.type == 24:
-        print(head)
-        for i, element in enumerate(arr.elements):
-            describe(element, f"{{{i}}}", indent + "    ")
-    elif arr.type == 25:
-        print(f"{head}  fields: {', '.join(arr.field_names)}")
-        nfields = len(arr.field_names)
-        for i, element in enumerate(arr.elements):
-            describe(element, f".{arr.field_names[i % nfields]}", indent + "    ")
-    elif arr.type == 27:
-        print(f"{head}  class {arr.class_name!r}")
-        for i, obj in enumerate(arr.objects):
-            at = f"({i})" if len(arr.objects) > 1 else ""
-            for prop in obj.properties:
-                describe(prop.value, f"{at}.{prop.name}", indent + "    ")
-    else:
-        print(head)
-
 
 def show_python(value, label, indent="  "):
     """Print a converted value with its Python type; numeric package arrays also as numpy sees them."""
@@ -130,12 +69,8 @@ def main():
     print()
     params = py_pb.py_to_serialized_str(inputs, nargout=len(inputs))
     print(f"== 2. py_to_serialized_str -> a parameters message of {len(params)} bytes")
-    print("   read back with the plain protobuf classes (veltra.wire), independently of py_pb:")
-    msg = messages().VELTRA_Params()
-    msg.ParseFromString(params)
-    print(f"  nargout: {msg.nargout}")
-    for i, arr in enumerate(msg.rhs):
-        describe(arr, f"rhs[{i}]")
+    print("   read back from the wire by the message inspector (python -m veltra.inspect), independently of py_pb:")
+    print("  " + render(inspect(params)).replace("\n", "\n  "))
 
     print()
     result = loopback(params)
