@@ -5,9 +5,19 @@
 //    written for numpy datetime64 scalars and arrays and read back as numpy datetime64 values.
 #pragma once
 
+#include <string>
+
 #include "convert/converter.h"
 
 namespace PythonVeltraDataArray::detail {
+
+// The TimeZone text of a fixed offset, "+HH:MM:SS". Each part truncates toward zero and the sign is the
+// hours' alone, so minus thirty minutes reads "+00:30:00".
+std::u16string offsetText(long long days, long long seconds, long long microseconds);
+
+// The zone a "datetime" value object's TimeZone names, as pandas takes it in tz_localize: the zone's name (a
+// str, "UTC" included), a datetime.timezone for a fixed offset, None when it names none. Null with an error.
+PyObject* timeZoneForPandas(const Array& a);
 
 // datetime.datetime and pandas timestamps (anything with the datetime attributes) -> field form. The zone:
 // a ZoneInfo's key, a fixed offset as "+HH:MM:SS" (the sign taken from the hours alone), "" when naive;

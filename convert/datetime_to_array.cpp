@@ -33,17 +33,6 @@ const DatetimeIds& ids() {
     return kIds;
 }
 
-// "+HH:MM:SS" of a fixed offset. Each part truncates toward zero and the sign is the hours' alone, so minus
-// thirty minutes reads "+00:30:00".
-std::u16string offsetText(long long days, long long seconds, long long microseconds) {
-    const __int128 ms128 = (static_cast<__int128>(days) * 86400 + seconds) * 1000 + microseconds / 1000;
-    const __int128 h = ms128 / 3600000, m = (ms128 - h * 3600000) / 60000, s = (ms128 - h * 3600000 - m * 60000) / 1000;
-    auto abs = [](__int128 v) { return static_cast<unsigned long long>(v < 0 ? -v : v); };
-    char buf[96];
-    std::snprintf(buf, sizeof buf, "%c%02llu:%02llu:%02llu", h < 0 ? '-' : '+', abs(h), abs(m), abs(s));
-    return std::u16string(buf, buf + std::char_traits<char>::length(buf));
-}
-
 // The TimeZone text of datetime `dt`; false with the error set.
 bool timeZoneText(PyObject* dt, std::u16string& out) {
     out.clear();
@@ -85,6 +74,15 @@ std::uint64_t textUnits(TimeUnit unit) {
 }
 
 }  // namespace
+
+std::u16string offsetText(long long days, long long seconds, long long microseconds) {
+    const __int128 ms128 = (static_cast<__int128>(days) * 86400 + seconds) * 1000 + microseconds / 1000;
+    const __int128 h = ms128 / 3600000, m = (ms128 - h * 3600000) / 60000, s = (ms128 - h * 3600000 - m * 60000) / 1000;
+    auto abs = [](__int128 v) { return static_cast<unsigned long long>(v < 0 ? -v : v); };
+    char buf[96];
+    std::snprintf(buf, sizeof buf, "%c%02llu:%02llu:%02llu", h < 0 ? '-' : '+', abs(h), abs(m), abs(s));
+    return std::u16string(buf, buf + std::char_traits<char>::length(buf));
+}
 
 std::optional<Array> PyDatetimeToDatetime::doConvert(PyObject* obj, const ConversionState&) {
     const DatetimeIds& id = ids();

@@ -313,6 +313,16 @@ PyObject* DoubleToPySecondsAndMicroseconds::doConvert(const Array& a) {
     return Py_BuildValue("OO", seconds.get(), micro.get());
 }
 
+PyObject* timeZoneForPandas(const Array& a) {
+    if (a.getType() != ArrayType::VALUE_OBJECT || a.isEmpty()) Py_RETURN_NONE;
+    const TimeZoneDescription zone = readTimeZone(foundation::veltradata::valueObjects(a)[0]);
+    if (zone.failed) return nullptr;
+    if (zone.name) return Ref::borrow(zone.name.get()).release();
+    if (!zone.hours) Py_RETURN_NONE;
+    Ref datetimeModule = Ref::steal(PyImport_ImportModule("datetime"));
+    return datetimeModule ? makeTzinfo(zone, datetimeModule.get()).release() : nullptr;
+}
+
 PyObject* datetimeToPython(const Array& a) {
     if (a.getType() != ArrayType::VALUE_OBJECT) return nullptr;
     const ReadIds& id = ids();

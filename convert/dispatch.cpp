@@ -20,6 +20,7 @@
 #include "convert/text.h"
 #include "pyutil/messages.h"
 #include "pyutil/type_name.h"
+#include "tables/dataframe_to_table.h"
 
 namespace PythonVeltraDataArray {
 
@@ -57,8 +58,6 @@ struct TypeRegistry {
     const ToArrayPtr& find(const std::string& name) const { return byName.at(name); }
 };
 
-// Converters that belong to later work hold their keys with NotYetConvertible, so their objects are refused
-// with the unsupported-type TypeError rather than caught by the buffer or mapping fallbacks.
 void fillTypeRegistry(TypeRegistry& r, const std::shared_ptr<ArrayFactory>& f) {
     using namespace detail;
     r.add<PyFloatToDouble>("float", f, &PyFloat_Type);
@@ -81,8 +80,8 @@ void fillTypeRegistry(TypeRegistry& r, const std::shared_ptr<ArrayFactory>& f) {
     r.add<PyTimedeltaToDuration>("datetime.timedelta", f);
     r.add<PyNumpyTimedelta64ToDuration>("numpy.timedelta64", f);
     r.add<PyDictionaryToDictionary>("veltra.dictionary", f);
-    r.add<NotYetConvertible>("pandas.DataFrame", f);                // PyDataFrameToTable
-    r.add<NotYetConvertible>("pandas.core.frame.DataFrame", f);     // PyDataFrameToTable
+    r.add<PyDataFrameToTable>("pandas.DataFrame", f);
+    r.add<PyDataFrameToTable>("pandas.core.frame.DataFrame", f);
     r.add<PyDatetimeToDatetime>("pandas.Timestamp", f);
     r.add<PyDatetimeToDatetime>("pandas._libs.tslibs.timestamps.Timestamp", f);
     r.add<PyTimedeltaToDuration>("pandas.Timedelta", f);

@@ -15,8 +15,4 @@ std::optional<Array> PyNoneToError::doConvert(PyObject* obj, const ConversionSta
     return fail(PyExc_TypeError, "passing 'None' to VELTRA not supported");
 }
 
-std::optional<Array> NotYetConvertible::doConvert(PyObject* obj, const ConversionState&) {
-    return failUnsupportedType(obj);
-}
-
 }  // namespace PythonVeltraDataArray::detail

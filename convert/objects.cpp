@@ -5,6 +5,7 @@
 #include "convert/datetime.h"
 #include "convert/dictionary.h"
 #include "convert/duration.h"
+#include "tables/table_to_dataframe.h"
 #include "types/object.h"
 
 namespace PythonVeltraDataArray::detail {
@@ -16,8 +17,7 @@ PyObject* VeltraObjectToPyObject::doConvert(const Array& a) {
     if (cls == "datetime") return datetimeToPython(a);
     if (cls == "duration") return durationToPython(a);
     if (cls == "dictionary") return dictionaryToPython(a);
-    if (cls == "table" || cls == "timetable")
-        return fail(PyExc_TypeError, "conversion of VELTRA value object of class '" + cls + "' to Python not supported yet");
+    if (cls == "table" || cls == "timetable") return tableToPython(a, cls == "timetable");
     return types::wrapObjectArray(a);
 }
 

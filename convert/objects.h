@@ -6,9 +6,9 @@
 
 namespace PythonVeltraDataArray::detail {
 
-// "datetime" and "duration" value objects to their time values (datetime.h, duration.h); handle object
-// arrays and value objects of other classes to a veltra.object. Tables and dictionaries are refused with
-// TypeError naming the class until their conversions exist.
+// "datetime" and "duration" value objects to their time values (datetime.h, duration.h), dictionaries to
+// veltra.dictionary, tables and timetables to pandas.DataFrame; handle object arrays and value objects of
+// other classes to a veltra.object.
 VELTRA_TO_PYTHON_CONVERTER(VeltraObjectToPyObject);
 
 // veltra.object -> the array it holds: the whole array, or the element it was indexed down to. IndexError

@@ -51,13 +51,6 @@ Ref flatColumnMajor(PyObject* array) {
     return Ref::steal(PyObject_Call(astype.get(), castArgs.get(), castKwargs.get()));
 }
 
-bool isMissing(PyObject* item) {
-    if (item == Py_None) return true;
-    if (PyFloat_Check(item)) return std::isnan(PyFloat_AsDouble(item));
-    // pandas.NA, whose type pandas 2 and 3 place in different modules.
-    const std::string name = pyutil::typeName(item);
-    return name.rfind("pandas.", 0) == 0 && name.size() > 7 && name.compare(name.size() - 7, 7, ".NAType") == 0;
-}
 
 // UCS4 code points (trailing NULs dropped) as UTF-16; a lone surrogate fails as it does for a str.
 bool utf16FromUcs4(const char32_t* p, std::size_t n, std::u16string& out) {
@@ -109,7 +102,7 @@ std::optional<Array> numpyTextArray(ArrayFactory& f, PyObject* array, char kind,
         const Py_ssize_t n = PyList_Size(items.get());
         for (Py_ssize_t i = 0; i < n; ++i) {
             PyObject* item = PyList_GetItem(items.get(), i);
-            if (!PyUnicode_Check(item) && !isMissing(item)) {
+            if (!PyUnicode_Check(item) && !isMissingText(item)) {
                 notText = true;
                 return std::nullopt;
             }
@@ -156,6 +149,14 @@ std::optional<Array> numpyTextArray(ArrayFactory& f, PyObject* array, char kind,
     }
     if (state.budget && units * 2 > estimate && !state.budget->chargeBytes(units * 2 - estimate)) return failed();
     return Array(f.createStringArray(std::move(*dims), std::move(texts)));
+}
+
+bool isMissingText(PyObject* item) {
+    if (item == Py_None) return true;
+    if (PyFloat_Check(item)) return std::isnan(PyFloat_AsDouble(item));
+    // pandas.NA, whose type pandas 2 and 3 place in different modules.
+    const std::string name = pyutil::typeName(item);
+    return name.rfind("pandas.", 0) == 0 && name.size() > 7 && name.compare(name.size() - 7, 7, ".NAType") == 0;
 }
 
 }  // namespace PythonVeltraDataArray::detail

@@ -17,4 +17,7 @@ namespace PythonVeltraDataArray::detail {
 std::optional<Array> numpyTextArray(ArrayFactory& f, PyObject* array, char kind, const ConversionState& state,
                                     bool& notText);
 
+// What counts as a missing element among text: None, a float NaN, pandas.NA.
+bool isMissingText(PyObject* item);
+
 }  // namespace PythonVeltraDataArray::detail

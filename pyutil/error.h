@@ -25,6 +25,7 @@ struct Failure {
         return std::nullopt;
     }
     operator bool() const noexcept { return false; }  // NOLINT
+    operator Ref() const noexcept { return Ref(); }    // NOLINT
 };
 
 inline Failure fail(PyObject* type, const char* text) noexcept {

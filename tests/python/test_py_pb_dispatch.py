@@ -66,10 +66,8 @@ class Outer:
         (collections.deque(), "collections.deque"),  # a static type with a dotted tp_name
         (datetime.date(2020, 1, 1), "datetime.date"),
         (named(3, "Thing")(), "Thing"),  # a __module__ that is not a str is left out
-        # Types whose converters come with later work: refused by their registered name, never converted by a
-        # fallback (a DataFrame would otherwise pass the mapping test); classes that carry exactly these names
-        # reach the same entries.
-        (pd.DataFrame({"a": [1, 2]}), "pandas.DataFrame"),
+        # Classes that only carry registered names reach those entries and are refused there, never converted
+        # by a fallback.
         (named("veltra", "object")(), "veltra.object"),
         (named("veltra", "dictionary")(), "veltra.dictionary"),
         (named("pandas.core.frame", "DataFrame")(), "pandas.core.frame.DataFrame"),
@@ -181,15 +179,6 @@ def test_sparse_arrays_are_refused(kind, dims, in_struct):
     with pytest.raises(TypeError) as e:
         read_one(struct(["s"], [[sparse(kind, dims)]]) if in_struct else sparse(kind, dims))
     assert str(e.value) == SPARSE
-
-
-@pytest.mark.parametrize("cls", ["table", "timetable"])
-def test_value_objects_of_later_conversions_are_refused(cls):
-    vo = messages().VELTRA_Array(type=VALUE_OBJECT, dims=[1, 1], class_name=cls)
-    vo.objects.add()
-    with pytest.raises(TypeError) as e:
-        read_one(vo)
-    assert str(e.value) == f"conversion of VELTRA value object of class '{cls}' to Python not supported yet"
 
 
 def test_enumerations_are_refused_with_their_kind_number_also_when_nested():

@@ -204,7 +204,7 @@ FROM_BYTES_FAIL = [
     (result(datetime_texts(["2024-01-01", "not a date"])), ValueError),
     (result(duration([float("nan")])), ValueError),
     (result(duration([float("inf"), 1.0])), OverflowError),
-    (result(value_object("table", [{}], (1, 1))), TypeError),
+    (result(value_object("table", [{}], (1, 1))), ValueError),
     (result(struct(["u"], [[pb_array(0, ())]])), TypeError),
     (result(strings(["ok" * BIG, "\ud800"])), UnicodeDecodeError),
     (result(char("\udc00")), UnicodeDecodeError),

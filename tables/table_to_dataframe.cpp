@@ -1,0 +1,346 @@
+#include "tables/table_to_dataframe.h"
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "convert/budget.h"
+#include "convert/datetime.h"
+#include "convert/dictionary.h"
+#include "convert/dispatch.h"
+#include "convert/duration.h"
+#include "convert/module_state.h"
+#include "convert/numpy_time.h"
+#include "convert/recursion_guard.h"
+#include "convert/text.h"
+#include "pyutil/messages.h"
+#include "tables/categorical.h"
+#include "tables/table_layout.h"
+
+namespace PythonVeltraDataArray::detail {
+
+namespace {
+
+using foundation::veltradata::Dims;
+using foundation::veltradata::ValueObject;
+using foundation::veltradata::ValueObjectArray;
+
+constexpr char kCustom[] =
+    "custom VELTRA object conversion not supported. Extract the custom VELTRA object's properties and manually "
+    "convert each property to an equivalent Python object";
+constexpr char kCreate[] = "unable to create pandas.DataFrame object";
+
+struct Modules {
+    Ref numpy, pandas;
+    bool load() {
+        numpy = importNumpy();
+        if (!numpy) return false;
+        pandas = Ref::steal(PyImport_ImportModule("pandas"));
+        if (!pandas) pyutil::replaceError(PyExc_ImportError, "failed to import module 'pandas'");
+        return static_cast<bool>(pandas);
+    }
+};
+
+// [item]
+Ref listOf(PyObject* item) {
+    Ref list = Ref::steal(PyList_New(1));
+    if (list) PyList_SetItem(list.get(), 0, Py_NewRef(item));
+    return list;
+}
+
+std::string kindText(ArrayType t) { return std::to_string(static_cast<int>(t)); }
+
+std::string classOf(const Array& a) {
+    return ValueObjectArray(a).getClassInfo().getClassIdentifier().getClassName();
+}
+
+// A column array: one column (N-by-1), or nothing at all.
+bool isColumn(const Array& a) {
+    const Dims& d = a.getDimensions();
+    return d.size() == 2 && (d[1] == 1 || a.isEmpty());
+}
+
+bool isNumericKind(ArrayType t) {
+    return t == ArrayType::LOGICAL || (t >= ArrayType::DOUBLE && t <= ArrayType::UINT64) ||
+           (t >= ArrayType::COMPLEX_DOUBLE && t <= ArrayType::COMPLEX_UINT64);
+}
+
+const char* dtypeOf(ArrayType t) {
+    switch (t) {
+        case ArrayType::LOGICAL: return "bool";
+        case ArrayType::DOUBLE: return "float64";
+        case ArrayType::SINGLE: return "float32";
+        case ArrayType::INT8: return "int8";
+        case ArrayType::UINT8: return "uint8";
+        case ArrayType::INT16: return "int16";
+        case ArrayType::UINT16: return "uint16";
+        case ArrayType::INT32: return "int32";
+        case ArrayType::UINT32: return "uint32";
+        case ArrayType::INT64: return "int64";
+        case ArrayType::UINT64: return "uint64";
+        case ArrayType::COMPLEX_DOUBLE: return "complex128";
+        case ArrayType::COMPLEX_SINGLE: return "complex64";
+        default: return nullptr;
+    }
+}
+
+// A numeric or logical column -> a one-dimensional numpy array viewing the array's own storage.
+Ref numericColumn(const Modules& m, const Array& a) {
+    const char* dtype = dtypeOf(a.getType());
+    if (!dtype)
+        return fail(PyExc_TypeError, "conversion of VELTRA data type " + kindText(a.getType()) + " to Python not supported");
+    const VeltraArrayCapi* capi = capsule();
+    if (!capi) return fail(PyExc_ValueError, pyutil::kCapsuleIsNull);
+    void* handle = a.shareHandle();
+    Ref wrapped = handle ? Ref::steal(capi->wrap_array(handle)) : Ref();
+    if (!wrapped) return handle ? Ref() : fail(PyExc_ValueError, "array has no contents");
+    Ref kwargs = Ref::steal(Py_BuildValue("{s:s}", "dtype", dtype));
+    Ref asarray = Ref::steal(PyObject_GetAttrString(m.numpy.get(), "asarray"));
+    Ref args = Ref::steal(PyTuple_Pack(1, wrapped.get()));
+    Ref values = kwargs && asarray && args ? Ref::steal(PyObject_Call(asarray.get(), args.get(), kwargs.get())) : Ref();
+    return values ? Ref::steal(PyObject_CallMethod(values.get(), "reshape", "(i)", -1)) : Ref();
+}
+
+// Any array of datetime64 values (or one datetime) as a one-dimensional array, localised to `zone` (the
+// wall-clock times in it) unless zone is None. Repeated wall-clock times at the end of summer time read as
+// the first of the two.
+Ref localized(const Modules& m, PyObject* times, PyObject* zone) {
+    Ref flat = Ref::steal(PyObject_CallMethod(m.numpy.get(), "asarray", "(O)", times));
+    flat = flat ? Ref::steal(PyObject_CallMethod(flat.get(), "reshape", "(i)", -1)) : Ref();
+    if (!flat || zone == Py_None) return flat;
+    Ref index = Ref::steal(PyObject_CallMethod(m.pandas.get(), "DatetimeIndex", "(O)", flat.get()));
+    const Py_ssize_t n = flat ? PyObject_Length(flat.get()) : -1;
+    Ref ambiguous = index && n >= 0 ? Ref::steal(PyObject_CallMethod(m.numpy.get(), "ones", "(ns)", n, "bool")) : Ref();
+    Ref method = index ? Ref::steal(PyObject_GetAttrString(index.get(), "tz_localize")) : Ref();
+    Ref args = Ref::steal(PyTuple_Pack(1, zone));
+    Ref kwargs = ambiguous ? Ref::steal(Py_BuildValue("{s:O,s:s}", "ambiguous", ambiguous.get(), "nonexistent", "shift_forward"))
+                           : Ref();
+    if (!method || !args || !kwargs) return Ref();
+    return Ref::steal(PyObject_Call(method.get(), args.get(), kwargs.get()));
+}
+
+Ref datetimeColumn(const Modules& m, const Array& a) {
+    Ref times = Ref::steal(datetimeToPython(a));
+    if (!times) return Ref();
+    Ref zone = Ref::steal(timeZoneForPandas(a));
+    if (!zone) return Ref();
+    if (!PyObject_HasAttrString(times.get(), "dtype"))  // one datetime.datetime, with its tzinfo
+        return Ref::steal(listOf(times.get()).release());
+    Ref values = localized(m, times.get(), zone.get());
+    if (!values || zone.get() == Py_None) return values;
+    return Ref::steal(PyObject_GetAttrString(values.get(), "array"));
+}
+
+// Durations as timedelta64; nanoseconds, pandas' own unit, when every value fits it.
+Ref durationColumn(const Modules& m, const Array& a) {
+    Ref values = Ref::steal(durationToPython(a));
+    Ref flat = values ? Ref::steal(PyObject_CallMethod(m.numpy.get(), "asarray", "(O)", values.get())) : Ref();
+    flat = flat ? Ref::steal(PyObject_CallMethod(flat.get(), "reshape", "(i)", -1)) : Ref();
+    if (!flat) return Ref();
+    bool fits = true;
+    const foundation::veltradata::VeltraPropertyIdentifier millisId("millis");
+    if (!a.isEmpty() && foundation::veltradata::valueObjects(a)[0].hasProperty(millisId)) {
+        const ValueObject& v = foundation::veltradata::valueObjects(a)[0];
+        const Array& millis = v[millisId];
+        for (std::uint64_t i = 0, n = millis.getNumberOfElements(); i < n && fits; ++i) {
+            const double x = millis[i].castTo<double>();
+            fits = std::isnan(x) || std::fabs(x) < 9.2e15;
+        }
+    }
+    if (!fits) return flat;
+    return Ref::steal(PyObject_CallMethod(flat.get(), "astype", "(s)", "timedelta64[ns]"));
+}
+
+// Every element of a dictionary array as a veltra.dictionary.
+Ref dictionaryColumn(const Array& a) {
+    const std::uint64_t n = a.getNumberOfElements();
+    Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(n)));
+    if (!list) return Ref();
+    ValueObjectArray all(a);
+    ArrayFactory& f = *VDAPBConverter::Factory::instance()->arrayFactory();
+    for (std::uint64_t i = 0; i < n; ++i) {
+        PyObject* d;
+        if (n == 1) {
+            d = dictionaryToPython(a);
+        } else {
+            const ValueObject element = *all[i];
+            ValueObjectArray one = f.createValueObjectScalar(element.getClassInfo());
+            one[0] = element;
+            d = dictionaryToPython(one);
+        }
+        if (!d) return Ref();
+        PyList_SetItem(list.get(), static_cast<Py_ssize_t>(i), d);
+    }
+    return list;
+}
+
+// One variable -> what pandas.DataFrame takes as a column.
+Ref variableToColumn(const Modules& m, const Array& v) {
+    const ArrayType t = v.getType();
+    if (foundation::veltradata::isSparse(v)) return fail(PyExc_TypeError, pyutil::kSparseToPython);
+    if (isNumericKind(t) || t == ArrayType::VELTRA_STRING) {
+        if (!isColumn(v)) return fail(PyExc_TypeError, "unable to flatten multidimensional array");
+        if (t == ArrayType::VELTRA_STRING) return Ref::steal(convertToPython(v.isEmpty() ? v : v));
+        return numericColumn(m, v);
+    }
+    if (t == ArrayType::CHAR) {
+        if (!isRowOrColumn(v)) return fail(PyExc_ValueError, "char arrays returned from VELTRA must be 1-by-N or M-by-1");
+        Ref text = Ref::steal(convertToPython(v));
+        if (!text) return Ref();
+        if (v.getDimensions()[0] <= 1) return listOf(text.get());
+        return Ref::steal(PySequence_List(text.get()));  // M-by-1: one character per row
+    }
+    if (t == ArrayType::VALUE_OBJECT) {
+        const std::string cls = classOf(v);
+        if (cls == "table" || cls == "timetable")
+            return fail(PyExc_TypeError, "conversion of this nested VELTRA " + cls +
+                                             " is not supported. Use 'splitvars' to flatten it");
+        if (cls == "categorical") return Ref::steal(categoricalToPython(v));
+        if (cls == "datetime") return datetimeColumn(m, v);
+        if (cls == "duration") return durationColumn(m, v);
+        if (cls == "dictionary") return dictionaryColumn(v);
+        return fail(PyExc_TypeError, kCustom);
+    }
+    if (t == ArrayType::HANDLE_OBJECT_REF || t == ArrayType::ENUM) {
+        const std::string cls = t == ArrayType::ENUM ? foundation::veltradata::EnumArray(v).getClassName()
+                                                     : (v.isEmpty() ? std::string("handle")
+                                                                    : v[0].getValue<foundation::veltradata::HandleObjectRef>().className);
+        return fail(PyExc_TypeError, "conversion of VELTRA '" + cls + "' array to Python is not supported");
+    }
+    return fail(PyExc_TypeError, "conversion of VELTRA data type " + kindText(t) + " to Python not supported");
+}
+
+// The text of a name (a char row, or a string scalar); null with an error set.
+Ref nameText(const Array& name) {
+    if (name.getType() == ArrayType::CHAR && isRowOrColumn(name)) return Ref::steal(convertToPython(name));
+    if (name.getType() == ArrayType::VELTRA_STRING && name.getNumberOfElements() == 1) {
+        Ref s = Ref::steal(convertToPython(name));
+        if (s && s.get() != Py_None) return s;
+    }
+    if (name.isEmpty()) return Ref::steal(PyUnicode_FromString(""));
+    return fail(PyExc_ValueError, "VELTRA table variable names must be char arrays");
+}
+
+// The elements of a names array (a cell of char rows, or a string array) as texts.
+bool namesOf(const Array& names, std::vector<Ref>& out) {
+    const std::uint64_t n = names.getNumberOfElements();
+    if (names.getType() == ArrayType::VELTRA_STRING) {
+        Ref list = Ref::steal(convertToPython(names));
+        if (!list) return false;
+        if (!PyList_Check(list.get())) list = listOf(list.get());
+        for (Py_ssize_t i = 0; list && i < PyList_Size(list.get()); ++i) {
+            PyObject* s = PyList_GetItem(list.get(), i);
+            if (s == Py_None) return fail(PyExc_ValueError, "VELTRA table variable names must not be missing");
+            out.push_back(Ref::borrow(s));
+        }
+        return static_cast<bool>(list);
+    }
+    if (names.getType() != ArrayType::CELL) return fail(PyExc_ValueError, "VELTRA table variable names must be a cell of char arrays");
+    const Array* cells = foundation::veltradata::cellElements(names);
+    for (std::uint64_t i = 0; i < n; ++i) {
+        Ref s = nameText(cells[i]);
+        if (!s) return false;
+        out.push_back(std::move(s));
+    }
+    return true;
+}
+
+// Counts that travel as doubles.
+std::optional<std::uint64_t> countOf(const std::optional<Array>& a) {
+    if (!a || a->getNumberOfElements() != 1 || !isNumericKind(a->getType())) return std::nullopt;
+    const double x = (*a)[0].castTo<double>();
+    if (!(x >= 0 && x < 9.0e15) || x != std::floor(x)) return std::nullopt;
+    return static_cast<std::uint64_t>(x);
+}
+
+Ref rowTimesIndex(const Modules& m, const TableParts& p) {
+    constexpr char kInvalid[] = "invalid 'RowTimes' index in timetable for conversion to pandas.DataFrame object";
+    Ref name;
+    if (p.dimNames && p.dimNames->getType() == ArrayType::CELL && !p.dimNames->isEmpty()) {
+        name = nameText(foundation::veltradata::cellElements(*p.dimNames)[0]);
+        if (!name) return Ref();
+    }
+    if (!p.rowTimes || p.rowTimes->getType() != ArrayType::VALUE_OBJECT || classOf(*p.rowTimes) != "datetime")
+        return fail(PyExc_TypeError, kInvalid);
+    Ref times = datetimeColumn(m, *p.rowTimes);
+    if (!times) {
+        pyutil::replaceError(PyExc_TypeError, kInvalid);
+        return Ref();
+    }
+    Ref args = Ref::steal(PyTuple_Pack(1, times.get()));
+    Ref kwargs = Ref::steal(Py_BuildValue("{s:O}", "name", name ? name.get() : Py_None));
+    Ref type = Ref::steal(PyObject_GetAttrString(m.pandas.get(), "DatetimeIndex"));
+    if (!args || !kwargs || !type) return Ref();
+    Ref index = Ref::steal(PyObject_Call(type.get(), args.get(), kwargs.get()));
+    if (!index) pyutil::replaceError(PyExc_TypeError, kInvalid);
+    return index;
+}
+
+}  // namespace
+
+PyObject* tableToPython(const Array& a, bool timetable) {
+    RecursionGuard guard(" while converting a VELTRA array to Python");
+    if (!guard) return nullptr;
+    const std::string cls = timetable ? "timetable" : "table";
+    if (a.getNumberOfElements() != 1)
+        return fail(PyExc_TypeError, "conversion of VELTRA '" + cls + "' array to Python is not supported");
+    const TableParts p = readTableParts(a, timetable);
+    if (!p.data || !p.names || p.data->getType() != ArrayType::CELL)
+        return fail(PyExc_ValueError, "VELTRA " + cls + " does not hold its variables in the layout Python reads");
+    Modules m;
+    if (!m.load()) return nullptr;
+
+    std::vector<Ref> names;
+    if (!namesOf(*p.names, names)) return nullptr;
+    const std::uint64_t n = p.data->getNumberOfElements();
+    if (names.size() != n)
+        return fail(PyExc_ValueError, "VELTRA " + cls + " has " + std::to_string(n) + " variables and " +
+                                          std::to_string(names.size()) + " variable names");
+
+    Ref columns = Ref::steal(PyDict_New());
+    if (!columns) return nullptr;
+    const Array* data = foundation::veltradata::cellElements(*p.data);
+    for (std::uint64_t k = 0; k < n; ++k) {
+        if (!pollSignals()) return nullptr;
+        Ref column = variableToColumn(m, data[k]);
+        Ref key = Ref::steal(PyLong_FromUnsignedLongLong(k));
+        if (!column || !key || PyDict_SetItem(columns.get(), key.get(), column.get()) < 0) return nullptr;
+    }
+
+    Ref index;
+    if (timetable) {
+        index = rowTimesIndex(m, p);
+        if (!index) return nullptr;
+    } else if (p.rowNames && !p.rowNames->isEmpty()) {
+        std::vector<Ref> rowNames;
+        if (!namesOf(*p.rowNames, rowNames)) return nullptr;
+        Ref list = Ref::steal(PyList_New(0));
+        for (Ref& r : rowNames)
+            if (!list || PyList_Append(list.get(), r.get()) < 0) return nullptr;
+        index = Ref::steal(PyObject_CallMethod(m.pandas.get(), "Index", "(O)", list.get()));
+        if (!index) return nullptr;
+    } else if (n == 0) {
+        // No variables: the rows are only a count.
+        const std::optional<std::uint64_t> rows = countOf(p.rows);
+        index = Ref::steal(PyObject_CallMethod(m.pandas.get(), "RangeIndex", "(K)",
+                                               static_cast<unsigned long long>(rows.value_or(0))));
+        if (!index) return nullptr;
+    }
+
+    // Keyed by position, then named: names may repeat, and a dict keyed by them would drop columns.
+    Ref type = Ref::steal(PyObject_GetAttrString(m.pandas.get(), "DataFrame"));
+    Ref args = Ref::steal(PyTuple_Pack(1, columns.get()));
+    Ref kwargs = Ref::steal(Py_BuildValue("{s:O,s:O}", "index", index ? index.get() : Py_None, "copy", Py_False));
+    if (!type || !args || !kwargs) return nullptr;
+    Ref frame = Ref::steal(PyObject_Call(type.get(), args.get(), kwargs.get()));
+    Ref labels = Ref::steal(PyList_New(0));
+    for (Ref& name : names)
+        if (!labels || PyList_Append(labels.get(), name.get()) < 0) return nullptr;
+    if (!frame || PyObject_SetAttrString(frame.get(), "columns", labels.get()) < 0) {
+        pyutil::replaceError(PyExc_ValueError, kCreate);
+        return nullptr;
+    }
+    return frame.release();
+}
+
+}  // namespace PythonVeltraDataArray::detail
