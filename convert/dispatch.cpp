@@ -47,7 +47,7 @@ struct TypeRegistry {
     // The exact builtin types among the keys, found by pointer: their names are their tp_names, so this
     // only skips computing a name that would be looked up anyway.
     std::vector<std::pair<PyTypeObject*, ToArrayPtr>> builtins;
-    ToArrayPtr null, buffer, mapping;
+    ToArrayPtr null, buffer, mapping, dataFrame;
 
     template <typename C>
     void add(const std::string& name, const std::shared_ptr<ArrayFactory>& f, PyTypeObject* builtin = nullptr) {
@@ -97,6 +97,7 @@ void fillTypeRegistry(TypeRegistry& r, const std::shared_ptr<ArrayFactory>& f) {
     r.null = r.find("NULL");
     r.buffer = r.find("<buffer>");
     r.mapping = r.find("veltra.dictionary");
+    r.dataFrame = r.find("pandas.DataFrame");
 }
 
 // ArrayType -> converter; one table for one-element arrays, one for all others, indexed by the kind's
@@ -163,6 +164,17 @@ void ensureRegistries(const std::shared_ptr<ArrayFactory>& f) {
     });
 }
 
+// A DataFrame of a subclass (its own name is not registered) is a table, not the mapping it also is. Only
+// pandas itself can have made one, so pandas is not imported for the question.
+bool isDataFrameSubclass(PyObject* obj) {
+    static PyObject* kName = PyUnicode_InternFromString("pandas");
+    pyutil::Ref pandas = pyutil::Ref::steal(kName ? PyImport_GetModule(kName) : nullptr);
+    pyutil::Ref frame = pandas ? pyutil::Ref::steal(PyObject_GetAttrString(pandas.get(), "DataFrame")) : pyutil::Ref();
+    const int is = frame ? PyObject_IsInstance(obj, frame.get()) : 0;
+    PyErr_Clear();
+    return is == 1;
+}
+
 // The registered converter for obj (or for a), without taking a new shared reference: the registries live
 // for the whole process. An empty pointer has a Python exception set.
 const ToArrayPtr& lookup(PyObject* obj) {
@@ -186,7 +198,7 @@ const ToArrayPtr& lookup(PyObject* obj) {
         return kNone;
     }
     if (capi->is_buffer(obj)) return r.buffer;
-    if (PyMapping_Check(obj)) return r.mapping;
+    if (PyMapping_Check(obj)) return isDataFrameSubclass(obj) ? r.dataFrame : r.mapping;
     fail(PyExc_TypeError, detail::unsupportedTypeText(name));
     return kNone;
 }

@@ -131,24 +131,52 @@ Ref datetimeColumn(const Modules& m, const Array& a) {
     return Ref::steal(PyObject_GetAttrString(values.get(), "array"));
 }
 
-// Durations as timedelta64; nanoseconds, pandas' own unit, when every value fits it.
+// The unit pandas gives a column of timedelta objects (nanoseconds before pandas 3, microseconds since) and
+// its count per millisecond; found once per process.
+struct PandasUnit {
+    std::string dtype = "timedelta64[ns]";
+    double perMilli = 1e6;
+};
+const PandasUnit& pandasDurationUnit(const Modules& m) {
+    static const PandasUnit kUnit = [&m] {
+        PandasUnit u;
+        Ref datetimeModule = Ref::steal(PyImport_ImportModule("datetime"));
+        Ref zero = datetimeModule ? Ref::steal(PyObject_CallMethod(datetimeModule.get(), "timedelta", nullptr)) : Ref();
+        Ref list = zero ? listOf(zero.get()) : Ref();
+        Ref series = list ? Ref::steal(PyObject_CallMethod(m.pandas.get(), "Series", "(O)", list.get())) : Ref();
+        Ref dtype = series ? Ref::steal(PyObject_GetAttrString(series.get(), "dtype")) : Ref();
+        Ref text = dtype ? Ref::steal(PyObject_Str(dtype.get())) : Ref();
+        const char* name = text ? PyUnicode_AsUTF8AndSize(text.get(), nullptr) : nullptr;
+        if (name && std::string(name) == "timedelta64[us]") u = PandasUnit{name, 1e3};
+        PyErr_Clear();
+        return u;
+    }();
+    return kUnit;
+}
+
+// Durations as a one-dimensional timedelta64 array in pandas' own unit (NaN as NaT), rounded to it; when a
+// value does not fit that unit, as the duration conversion gives them (coarser, never wrapped).
 Ref durationColumn(const Modules& m, const Array& a) {
+    const foundation::veltradata::VeltraPropertyIdentifier millisId("millis");
+    if (a.getNumberOfElements() == 1 && foundation::veltradata::valueObjects(a)[0].hasProperty(millisId)) {
+        const Array& millis = foundation::veltradata::valueObjects(a)[0][millisId];
+        const PandasUnit& unit = pandasDurationUnit(m);
+        const std::uint64_t n = millis.getNumberOfElements();
+        TimeArrayBuilder out;
+        if (isNumericKind(millis.getType()) && out.start(n)) {
+            bool fits = true;
+            for (std::uint64_t i = 0; i < n && fits; ++i) {
+                const double x = millis[i].castTo<double>() * unit.perMilli;
+                fits = std::isnan(x) || std::fabs(x) < 9.2e18;
+                out.data()[i] = std::isnan(x) ? kNaT : fits ? static_cast<std::int64_t>(std::llround(x)) : 0;
+            }
+            if (fits) return Ref::steal(out.finish(unit.dtype.c_str(), Dims{1, n}));
+        }
+        if (PyErr_Occurred()) return Ref();
+    }
     Ref values = Ref::steal(durationToPython(a));
     Ref flat = values ? Ref::steal(PyObject_CallMethod(m.numpy.get(), "asarray", "(O)", values.get())) : Ref();
-    flat = flat ? Ref::steal(PyObject_CallMethod(flat.get(), "reshape", "(i)", -1)) : Ref();
-    if (!flat) return Ref();
-    bool fits = true;
-    const foundation::veltradata::VeltraPropertyIdentifier millisId("millis");
-    if (!a.isEmpty() && foundation::veltradata::valueObjects(a)[0].hasProperty(millisId)) {
-        const ValueObject& v = foundation::veltradata::valueObjects(a)[0];
-        const Array& millis = v[millisId];
-        for (std::uint64_t i = 0, n = millis.getNumberOfElements(); i < n && fits; ++i) {
-            const double x = millis[i].castTo<double>();
-            fits = std::isnan(x) || std::fabs(x) < 9.2e15;
-        }
-    }
-    if (!fits) return flat;
-    return Ref::steal(PyObject_CallMethod(flat.get(), "astype", "(s)", "timedelta64[ns]"));
+    return flat ? Ref::steal(PyObject_CallMethod(flat.get(), "reshape", "(i)", -1)) : Ref();
 }
 
 // Every element of a dictionary array as a veltra.dictionary.
@@ -180,7 +208,10 @@ Ref variableToColumn(const Modules& m, const Array& v) {
     if (foundation::veltradata::isSparse(v)) return fail(PyExc_TypeError, pyutil::kSparseToPython);
     if (isNumericKind(t) || t == ArrayType::VELTRA_STRING) {
         if (!isColumn(v)) return fail(PyExc_TypeError, "unable to flatten multidimensional array");
-        if (t == ArrayType::VELTRA_STRING) return Ref::steal(convertToPython(v.isEmpty() ? v : v));
+        if (t == ArrayType::VELTRA_STRING) {
+            Ref texts = Ref::steal(convertToPython(v));  // one element comes as itself
+            return !texts || PyList_Check(texts.get()) ? std::move(texts) : listOf(texts.get());
+        }
         return numericColumn(m, v);
     }
     if (t == ArrayType::CHAR) {
