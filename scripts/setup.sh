@@ -60,14 +60,15 @@ venv_python() {
   return 1
 }
 
-# The build backend, the project's dependencies and its test extra as pyproject.toml lists them, plus cmake
+# The build backend, the project's dependencies and its test and bench extras as pyproject.toml lists them, plus cmake
 # and ninja, which the build backend would otherwise fetch into an isolated environment.
 requirements() {
   "$PY" - <<'EOF'
 import tomllib
 with open("pyproject.toml", "rb") as f:
     p = tomllib.load(f)
-for r in p["build-system"]["requires"] + p["project"]["dependencies"] + p["project"]["optional-dependencies"]["test"]:
+extras = p["project"]["optional-dependencies"]
+for r in p["build-system"]["requires"] + p["project"]["dependencies"] + extras["test"] + extras["bench"]:
     print(r)
 print("cmake>=3.26")
 print("ninja")

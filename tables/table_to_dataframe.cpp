@@ -166,9 +166,15 @@ Ref durationColumn(const Modules& m, const Array& a) {
         if (isNumericKind(millis.getType()) && out.start(n)) {
             bool fits = true;
             for (std::uint64_t i = 0; i < n && fits; ++i) {
-                const double x = millis[i].castTo<double>() * unit.perMilli;
-                fits = std::isnan(x) || std::fabs(x) < 9.2e18;
-                out.data()[i] = std::isnan(x) ? kNaT : fits ? static_cast<std::int64_t>(std::llround(x)) : 0;
+                // Whole milliseconds scale exactly; only a fraction is rounded.
+                const double x = millis[i].castTo<double>(), whole = std::trunc(x);
+                fits = std::isnan(x) || std::fabs(x * unit.perMilli) < 9.2e18;
+                if (std::isnan(x) || !fits) {
+                    out.data()[i] = kNaT;
+                    continue;
+                }
+                out.data()[i] = static_cast<std::int64_t>(whole) * static_cast<std::int64_t>(unit.perMilli) +
+                                std::llround((x - whole) * unit.perMilli);
             }
             if (fits) return Ref::steal(out.finish(unit.dtype.c_str(), Dims{1, n}));
         }

@@ -44,7 +44,7 @@ def props(value):
         (dt.datetime(2024, 1, 2, 3, 4, 5, 250000, tzinfo=tz(hours=-5, minutes=-30)), "-05:30:00"),
         (dt.datetime(2024, 1, 2, 3, 4, 5, 250000, tzinfo=tz(hours=-1, minutes=-30, seconds=-7)), "-01:30:07"),
         (dt.datetime(2024, 1, 2, 3, 4, 5, 250000, tzinfo=PARIS), "Europe/Paris"),
-        (pd.Timestamp("2024-01-02 03:04:05.250000999", tz="Europe/Paris"), "Europe/Paris"),
+        (pd.Timestamp("2024-01-02 03:04:05.250000999").tz_localize(PARIS), "Europe/Paris"),
         (pd.Timestamp("2024-01-02 03:04:05.250000999", tz="UTC"), "+00:00:00"),
         (pd.Timestamp("2024-01-02 03:04:05.250000999"), ""),
     ],
