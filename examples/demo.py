@@ -14,6 +14,7 @@ import datetime
 import zoneinfo
 
 import numpy as np
+import pandas as pd
 
 import py_pb
 from veltra.inspect import inspect, render
@@ -36,6 +37,10 @@ def show_python(value, label, indent="  "):
         print(f"{indent}{label}: {kind} {value.isoformat()} in {value.tzinfo or 'no zone'}")
     elif isinstance(value, datetime.timedelta):
         print(f"{indent}{label}: {kind} {value} ({value.total_seconds() * 1000:g} ms)")
+    elif isinstance(value, pd.DataFrame):
+        print(f"{indent}{label}: {kind} {value.shape[0]} rows, index {value.index.name!r}:")
+        for row in value.to_string().splitlines():
+            print(f"{indent}        {row}")
     elif type(value).__module__ == "veltra":
         view = np.asarray(value)
         rows = np.array2string(view).splitlines()
@@ -62,6 +67,10 @@ def main():
         datetime.datetime(2024, 3, 14, 9, 30, 15, 250000,          # when they were taken, in a named zone
                           tzinfo=zoneinfo.ZoneInfo("Europe/Paris")),
         datetime.timedelta(minutes=1, seconds=30.5),                # how long the fit may run
+        pd.DataFrame({"temp": [21.5, 22.0, None], "sensor": ["a", "b", None],   # readings: a timetable
+                      "state": pd.Categorical(["ok", "ok", "hot"])},
+                     index=pd.date_range("2024-03-14 09:30", periods=3, freq="min", tz="Europe/Paris",
+                                         name="when")),
     )
     for i, value in enumerate(inputs):
         print(f"  [{i}] {value!r}".replace("\n", "\n      "))
@@ -88,6 +97,8 @@ def main():
     same = when == inputs[6] and when.tzinfo == inputs[6].tzinfo and budget == inputs[7]
     print(f"  The timestamp ({when.astimezone(datetime.timezone.utc):%H:%M:%S} UTC) and the duration came back "
           f"{'unchanged, zone included' if same else 'CHANGED'}.")
+    print(f"  The readings came back as {'an equal' if outputs[8].equals(inputs[8]) else 'a CHANGED'} DataFrame, "
+          f"their row times in {outputs[8].index.tz}.")
 
     print()
     print("== 5. An engine error is not raised: it comes back as a dict")
