@@ -42,8 +42,10 @@ DIMS = [0, 1, 1, 1, 2, 2, 3, 4, 5, 7, 255, 256, 2**31 - 1, 2**31, 2**32 - 1, 2**
 NAMES = ["a", "b", "x1", "f_1", "", "1x", "a b", "_a", "a.b", "A" * 63, "A" * 64, "é", "\u00e9t\u00e9",
          "\U0001f600", "a\x00b", "\x00", "message", "identifier", "stack_as_str", "__class__", "__dict__",
          "TimeZone", "Year", "Month", "Day", "Hour", "Minute", "Second", "DateString", "millis", "Version",
-         "IsKeyCombined", "IsValueCombined", "Value", "Keys", "Values"]
-CLASSES = ["", "C", "pkg.C", "pkg.sub.Class", "a b", "\x00", "é", "C" * 300, "datetime", "duration", "dictionary"]
+         "IsKeyCombined", "IsValueCombined", "Value", "Keys", "Values", "data", "varnames", "rownames", "nrows",
+         "__CustomSave", "varNames", "rowTimes", "dimNames", "numRows", "categoryNames", "codes"]
+CLASSES = ["", "C", "pkg.C", "pkg.sub.Class", "a b", "\x00", "é", "C" * 300, "datetime", "duration", "dictionary",
+           "table", "timetable", "categorical"]
 MAX_NODES = 200
 MAX_ELEMENTS = 4096
 
