@@ -72,6 +72,30 @@ std::optional<Utf16Bytes> encodeUtf16(PyObject* obj) {
 }  // namespace
 
 std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj) {
+    // Short text, most of what tables and lists hold, is copied out as code points into a buffer on the stack
+    // and made UTF-16 here: no codec and no bytes object per string. A surrogate code point, which UTF-16
+    // cannot carry, goes to the codec for its error.
+    constexpr Py_ssize_t kStack = 256;
+    const Py_ssize_t n = PyUnicode_GetLength(obj);
+    if (n < 0) return std::nullopt;
+    if (n <= kStack) {
+        Py_UCS4 cps[kStack];
+        if (n && !PyUnicode_AsUCS4(obj, cps, kStack, 0)) return std::nullopt;
+        std::u16string out;
+        out.reserve(static_cast<std::size_t>(n));
+        bool surrogate = false;
+        for (Py_ssize_t i = 0; i < n && !surrogate; ++i) {
+            const Py_UCS4 c = cps[i];
+            surrogate = c >= 0xD800 && c <= 0xDFFF;
+            if (c < 0x10000) {
+                out.push_back(static_cast<char16_t>(c));
+            } else {
+                out.push_back(static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10)));
+                out.push_back(static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF)));
+            }
+        }
+        if (!surrogate) return out;
+    }
     std::optional<Utf16Bytes> encoded = encodeUtf16(obj);
     if (!encoded) return std::nullopt;
     std::u16string out(encoded->units, u'\0');
@@ -111,20 +135,23 @@ PyObject* VLStringToPyStr::doConvert(const Array& a) {
 
 PyObject* VLStringToPyList::doConvert(const Array& a) {
     if (!isRowOrColumn(a)) return fail(PyExc_ValueError, kStringShape);
-    const TypedArray<VeltraString> strings(a);
-    const std::uint64_t n = strings.getNumberOfElements();
+    const VeltraString* strings = foundation::veltradata::stringElements(a);
+    const std::uint64_t n = a.getNumberOfElements();
     Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(n)));
     if (!list) return failed();
+    char narrow[kShortText];
     for (std::uint64_t i = 0; i < n; ++i) {
         if (!pollSignals()) return failed();
-        const VeltraString element = strings[i].getValue<VeltraString>();
+        const VeltraString& element = strings[i];
         PyObject* item = nullptr;
-        if (element) {
-            item = decodeUtf16(*element);
-            if (!item) return failed();
-        } else {
+        if (!element) {
             item = Py_NewRef(Py_None);
+        } else if (narrowShortAscii(element->data(), element->size(), narrow)) {
+            item = PyUnicode_FromStringAndSize(narrow, static_cast<Py_ssize_t>(element->size()));
+        } else {
+            item = decodeUtf16(*element);
         }
+        if (!item) return failed();
         PyList_SetItem(list.get(), static_cast<Py_ssize_t>(i), item);  // steals item
     }
     return list.release();
