@@ -1,5 +1,6 @@
 #include "tables/dataframe_to_table.h"
 
+#include <algorithm>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -339,7 +340,8 @@ bool readLabels(PyObject* labels, Py_ssize_t n, Py_ssize_t indexLevels, std::vec
     return true;
 }
 
-Array charRow(ArrayFactory& f, PyObject* str) { return f.createCharArray(*pyUnicodeToUtf16(str)); }
+// A label readLabels has already taken as UTF-16.
+Array charRow(ArrayFactory& f, PyObject* str) { return f.createCharArray(pyUnicodeToUtf16(str).value_or(u"")); }
 
 }  // namespace
 
