@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 DEB_PACKAGES=(g++ python3-dev python3-venv libprotobuf-dev protobuf-compiler libboost-dev libgtest-dev
-  libbenchmark-dev clang ccache)
+  libbenchmark-dev clang ccache dpkg-dev)
 PY=.venv/bin/python
 REQ_STAMP=.venv/.setup-requirements
 BUILD_STAMP=.venv/.setup-build
@@ -116,6 +116,8 @@ if [ "$(cat "$REQ_STAMP" 2>/dev/null)" != "$reqs" ]; then
   printf '%s\n' "$reqs" >"$REQ_STAMP"
   did=1
 fi
+
+./scripts/protobuf_source.sh  # the sources of the protobuf runtime the package links in (pyproject.toml)
 
 # A change of the packages above (the build backend's version, say) rebuilds too.
 digest=$(printf '%s\n%s\n' "$reqs" "$(build_inputs_digest)" | sha256sum | cut -d' ' -f1)
