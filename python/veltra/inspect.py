@@ -10,10 +10,19 @@ read gets one line naming the byte offset where reading failed, and exit status 
 Reads the wire format directly: needs neither py_pb nor a protobuf runtime.
 """
 
+from __future__ import annotations
+
 import argparse
 import json
 import struct
 import sys
+from collections.abc import Iterator, Sequence
+from typing import TYPE_CHECKING, Any
+
+if TYPE_CHECKING:
+    from typing_extensions import Buffer
+
+    _Span = tuple[int, int]
 
 __all__ = ["inspect", "render", "main"]
 
@@ -34,14 +43,14 @@ _MAX_DEPTH = 200
 
 
 class Malformed(Exception):
-    def __init__(self, offset, why):
+    def __init__(self, offset: int, why: str) -> None:
         super().__init__(f"malformed message at byte {offset}: {why}")
         self.offset = offset
 
 
 # ---- the wire ----
 
-def _varint(data, pos):
+def _varint(data: memoryview, pos: int) -> tuple[int, int]:
     result = shift = 0
     start = pos
     while True:
@@ -57,10 +66,11 @@ def _varint(data, pos):
             raise Malformed(start, "a varint runs past 10 bytes")
 
 
-def _fields(data, start, end):
+def _fields(data: memoryview, start: int, end: int) -> Iterator[tuple[int, int, Any, int]]:
     """(field, wire type, value, offset) of the message in data[start:end]: an int for varints, the
     (start, end) of the payload otherwise."""
     pos = start
+    value: Any
     while pos < end:
         offset = pos
         key, pos = _varint(data, pos)
@@ -84,7 +94,7 @@ def _fields(data, start, end):
         yield field, wire_type, value, offset
 
 
-def _varints(data, wire_type, value):
+def _varints(data: memoryview, wire_type: int, value: Any) -> list[int]:
     """A repeated varint field: packed (a payload of varints) or one value."""
     if wire_type == _VARINT:
         return [value]
@@ -95,7 +105,7 @@ def _varints(data, wire_type, value):
     return out
 
 
-def _text(data, span, offset):
+def _text(data: memoryview, span: _Span, offset: int) -> str:
     try:
         return bytes(data[span[0]:span[1]]).decode("utf-8")
     except UnicodeDecodeError:
@@ -104,9 +114,13 @@ def _text(data, span, offset):
 
 # ---- arrays and messages ----
 
-def _array(data, span, depth):
+def _array(data: memoryview, span: _Span, depth: int) -> dict[str, Any]:
     if depth > _MAX_DEPTH:
         raise Malformed(span[0], f"arrays nested more than {_MAX_DEPTH} levels deep")
+    dims: list[int]
+    raw: bytes | None
+    names: list[str]
+    out: dict[str, Any]
     kind, dims, raw, units, names, out = 0, [], None, b"", [], {}
     lengths, elements, objects, handles, enums, rows, cols = [], [], [], [], [], [], []
     for field, wt, value, offset in _fields(data, *span):
@@ -155,6 +169,7 @@ def _array(data, span, depth):
         if kind >= 30:
             node["rows"], node["cols"] = rows, cols
     elif kind == 3:
+        texts: list[str | None]
         texts, pos = [], 0
         for n in lengths:
             if n < 0:
@@ -179,8 +194,8 @@ def _array(data, span, depth):
     return node
 
 
-def _object(data, span, offset, depth):
-    obj = {"properties": {}}
+def _object(data: memoryview, span: _Span, offset: int, depth: int) -> dict[str, Any]:
+    obj: dict[str, Any] = {"properties": {}}
     for field, wt, value, off in _fields(data, *span):
         if field == 1 and wt == _LEN:
             obj["class"] = _text(data, value, off)
@@ -195,7 +210,7 @@ def _object(data, span, offset, depth):
     return obj
 
 
-def _handle(data, span):
+def _handle(data: memoryview, span: _Span) -> dict[str, Any]:
     h = {"class": "", "id": 0}
     for field, wt, value, offset in _fields(data, *span):
         if field == 1 and wt == _LEN:
@@ -205,8 +220,8 @@ def _handle(data, span):
     return h
 
 
-def _error(data, span):
-    err = {"message": "", "identifier": None, "stack": []}
+def _error(data: memoryview, span: _Span) -> dict[str, Any]:
+    err: dict[str, Any] = {"message": "", "identifier": None, "stack": []}
     for field, wt, value, offset in _fields(data, *span):
         if field == 1 and wt == _LEN:
             err["message"] = _text(data, value, offset)
@@ -223,7 +238,7 @@ def _error(data, span):
     return err
 
 
-def _looks_like_error(data, span):
+def _looks_like_error(data: memoryview, span: _Span) -> bool:
     """Whether a field-2 payload reads as an error (its field 1 is text) rather than an array (a varint)."""
     for field, wt, _value, _offset in _fields(data, *span):
         if field == 1:
@@ -231,7 +246,7 @@ def _looks_like_error(data, span):
     return True
 
 
-def inspect(data):
+def inspect(data: Buffer) -> dict[str, Any]:
     """The message in ``data`` (bytes) as a dict: {"message": "parameters", "nargout", "inputs"} or
     {"message": "result", "outputs", "error"}. Raises Malformed."""
     data = memoryview(data).cast("B")
@@ -243,8 +258,9 @@ def inspect(data):
         nargout = next((v for f, wt, v, _ in top if f == 1 and wt == _VARINT), 0)
         return {"message": "parameters", "nargout": nargout,
                 "inputs": [_array(data, v, 0) for v, _ in second]}
-    out = {"message": "result", "outputs": [_array(data, v, 0) for f, wt, v, _ in top if f == 1 and wt == _LEN],
-           "error": None}
+    out: dict[str, Any] = {
+        "message": "result", "outputs": [_array(data, v, 0) for f, wt, v, _ in top if f == 1 and wt == _LEN],
+        "error": None}
     if second:
         out["error"] = _error(data, second[-1][0])
     return out
@@ -252,12 +268,12 @@ def inspect(data):
 
 # ---- the tree ----
 
-def _short(values, limit):
+def _short(values: list[Any], limit: int) -> str:
     shown = ", ".join(repr(v) for v in values[:limit])
     return f"[{shown}, ... ({len(values)} values)]" if len(values) > limit else f"[{shown}]"
 
 
-def _lines(node, label, indent, limit):
+def _lines(node: dict[str, Any], label: str, indent: int, limit: int) -> Iterator[str]:
     head = f"{'  ' * indent}{label}: {node['kind']} {'x'.join(str(d) for d in node['dims'])}"
     if "class" in node:
         head += f" class {node['class']!r}"
@@ -289,7 +305,7 @@ def _lines(node, label, indent, limit):
         yield f"{'  ' * (indent + 1)}... ({len(node['objects'])} objects)"
 
 
-def render(message, limit=8):
+def render(message: dict[str, Any], limit: int = 8) -> str:
     """The tree of inspect()'s result, as text."""
     lines = []
     if message["message"] == "parameters":
@@ -307,7 +323,7 @@ def render(message, limit=8):
     return "\n".join(lines)
 
 
-def main(argv=None):
+def main(argv: Sequence[str] | None = None) -> int:
     parser = argparse.ArgumentParser(prog="python -m veltra.inspect", description=__doc__.splitlines()[0])
     parser.add_argument("file", help="a serialized parameters or result message; - for standard input")
     parser.add_argument("--json", action="store_true", help="print JSON instead of a tree")

@@ -8,6 +8,14 @@ Both work on the wire format directly (the arrays are moved as opaque length-del
 no protobuf runtime and no generated classes.
 """
 
+from __future__ import annotations
+
+from collections.abc import Iterable, Iterator
+from typing import TYPE_CHECKING, Any
+
+if TYPE_CHECKING:
+    from typing_extensions import Buffer
+
 __all__ = ["loopback", "error_result", "input_arrays"]
 
 # Field numbers of envelope/proto/veltra_common.proto.
@@ -19,7 +27,7 @@ _FRAME_FILE, _FRAME_NAME, _FRAME_LINE = 1, 2, 3
 _VARINT, _I64, _LEN, _I32 = 0, 1, 2, 5
 
 
-def _read_varint(data, pos):
+def _read_varint(data: memoryview, pos: int) -> tuple[int, int]:
     result = shift = 0
     while True:
         if pos >= len(data):
@@ -34,7 +42,7 @@ def _read_varint(data, pos):
             raise ValueError("varint longer than 10 bytes in parameters message")
 
 
-def _varint(value):
+def _varint(value: int) -> bytes:
     value &= (1 << 64) - 1  # negative int32 values travel as their 64-bit two's complement
     out = bytearray()
     while True:
@@ -47,14 +55,15 @@ def _varint(value):
             return bytes(out)
 
 
-def _len_field(field, payload):
+def _len_field(field: int, payload: bytes) -> bytes:
     return _varint(field << 3 | _LEN) + _varint(len(payload)) + payload
 
 
-def _fields(data):
+def _fields(data: Buffer) -> Iterator[tuple[int, int, Any]]:
     """(field number, wire type, value) of a message: an int for varints, a memoryview slice otherwise."""
     data = memoryview(data).cast("B")
     pos = 0
+    value: Any
     while pos < len(data):
         key, pos = _read_varint(data, pos)
         field, wire_type = key >> 3, key & 7
@@ -75,24 +84,26 @@ def _fields(data):
         yield field, wire_type, value
 
 
-def _inputs(params):
+def _inputs(params: Buffer) -> list[memoryview]:
     return [v for f, wt, v in _fields(params) if f == _PARAMS_RHS and wt == _LEN]
 
 
-def input_arrays(params):
+def input_arrays(params: Buffer) -> list[bytes]:
     """The serialized VELTRA_Array messages of a parameters message, in order."""
     return [bytes(v) for v in _inputs(params)]
 
 
-def loopback(params):
+def loopback(params: Buffer) -> bytes:
     """The VELTRA_Result (bytes) whose outputs are the inputs of the VELTRA_Params ``params``."""
-    parts = []
+    parts: list[bytes | memoryview] = []
     for array in _inputs(params):  # slices of params: each payload is copied once, into the result
         parts += [_varint(_RESULT_LHS << 3 | _LEN), _varint(len(array)), array]
     return b"".join(parts)
 
 
-def error_result(message, identifier=None, stack=()):
+def error_result(
+    message: str, identifier: str | None = None, stack: Iterable[tuple[str, str, int]] = ()
+) -> bytes:
     """A VELTRA_Result carrying an engine error. ``stack`` holds (file, function name, line) frames."""
     error = _len_field(_ERROR_MESSAGE, message.encode())
     if identifier is not None:

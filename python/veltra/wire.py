@@ -17,9 +17,9 @@ PROTO_DIR = Path(__file__).with_name("proto")
 
 
 @functools.lru_cache(maxsize=None)
-def messages():
+def messages() -> types.SimpleNamespace:
     """A namespace with VELTRA_Array, VELTRA_Params, VELTRA_Result, VELTRA_Error and VELTRA_StackFrame."""
-    from grpc_tools import protoc
+    from grpc_tools import protoc  # type: ignore[import-untyped]
 
     protos = sorted(str(p) for p in PROTO_DIR.glob("*.proto"))
     if not protos:
