@@ -39,5 +39,8 @@ done
 echo "== fuzzing py_pb (atheris, ASan and UBSan) for ${FUZZ_SECONDS}s per harness"
 FUZZ_SECONDS="$FUZZ_SECONDS" JOBS="$JOBS" ./scripts/fuzz_module.sh
 
+echo "== the wheel, installed into fresh environments for CPython 3.11, 3.12 and 3.13"
+JOBS="$JOBS" ./scripts/test_wheel.sh
+
 echo "== Python tests"
 "$PY" -m pytest -q tests/python
