@@ -229,8 +229,13 @@ public:
         p = wire::writeVarint(p, wire::int32Bits(static_cast<int>(t)));
         p = writePacked(p, kDims, impl->dims);
         if (isRawBufferType(t)) {
+            // Straight from wherever the elements lie (a borrowed buffer reorders on the way): one copy.
             const AlignedBuffer& b = impl->get<AlignedBuffer>();
-            if (b.size()) p = wire::writeBytes(p, kData, b.data(), b.size());
+            if (b.size()) {
+                p = wire::writeLenHeader(p, kData, b.size());
+                b.copyTo(p);
+                p += b.size();
+            }
         } else if (isSparseType(t)) {
             const auto& s = impl->get<SparseStorage>();
             if (s.values.size()) p = wire::writeBytes(p, kData, s.values.data(), s.values.size());

@@ -138,11 +138,20 @@ AlignedBuffer::AlignedBuffer(std::size_t bytes, bool zeroed) : size_(bytes) {
     if (zeroed) std::memset(data_, 0, bytes);
 }
 
+AlignedBuffer AlignedBuffer::borrow(std::size_t bytes, std::unique_ptr<const ExternalElements> source) {
+    AlignedBuffer b;
+    if (bytes == 0) return b;
+    b.size_ = bytes;
+    b.source_ = std::move(source);
+    return b;
+}
+
 AlignedBuffer::AlignedBuffer(AlignedBuffer&& o) noexcept
     : data_(std::exchange(o.data_, nullptr)),
       size_(std::exchange(o.size_, 0)),
       mapped_(std::exchange(o.mapped_, 0)),
-      mapBase_(std::exchange(o.mapBase_, nullptr)) {}
+      mapBase_(std::exchange(o.mapBase_, nullptr)),
+      source_(std::move(o.source_)) {}
 
 AlignedBuffer& AlignedBuffer::operator=(AlignedBuffer&& o) noexcept {
     if (this != &o) {
@@ -151,6 +160,7 @@ AlignedBuffer& AlignedBuffer::operator=(AlignedBuffer&& o) noexcept {
         size_ = std::exchange(o.size_, 0);
         mapped_ = std::exchange(o.mapped_, 0);
         mapBase_ = std::exchange(o.mapBase_, nullptr);
+        source_ = std::move(o.source_);
     }
     return *this;
 }
@@ -158,7 +168,9 @@ AlignedBuffer& AlignedBuffer::operator=(AlignedBuffer&& o) noexcept {
 AlignedBuffer::~AlignedBuffer() { reset(); }
 
 void AlignedBuffer::reset() noexcept {
-    if (mapped_) {
+    if (source_) {
+        source_.reset();  // nothing of ours to free: the elements were borrowed
+    } else if (mapped_) {
         ::munmap(mapBase_, mapped_);
     } else if (kPoolSmallBlocks && data_ && size_ <= SmallBlockPool::kBlock) {
         smallBlocks().deallocate(data_);
@@ -170,9 +182,20 @@ void AlignedBuffer::reset() noexcept {
     size_ = mapped_ = 0;
 }
 
+void AlignedBuffer::copyTo(std::uint8_t* out) const {
+    if (source_) source_->copyTo(out);
+    else if (size_) std::memcpy(out, data_, size_);
+}
+
+void AlignedBuffer::own() {
+    AlignedBuffer b(size_, false);
+    source_->copyTo(b.data_);
+    *this = std::move(b);
+}
+
 AlignedBuffer AlignedBuffer::clone() const {
     AlignedBuffer b(size_, false);
-    if (size_) std::memcpy(b.data(), data(), size_);
+    if (size_) copyTo(b.data_);
     return b;
 }
 
