@@ -13,6 +13,14 @@ namespace foundation::veltradata::detail {
 // safe, since some allocators (sanitizer runtimes among them) abort on absurd requests instead of failing.
 void checkAllocationSize(std::size_t bytes);
 
+// Small objects the library makes by the hundred thousand (implementation objects, tiny element blocks):
+// allocateSmall gives a block of at least `bytes` bytes, from a pool of 64-byte-aligned blocks when bytes <=
+// kPooledBlockMax (except in sanitizer builds), from the general heap otherwise; deallocateSmall takes it
+// back with the same size. Throws std::bad_alloc.
+inline constexpr std::size_t kPooledBlockMax = 256;
+void* allocateSmall(std::size_t bytes);
+void deallocateSmall(void* p, std::size_t bytes) noexcept;
+
 // Asks the kernel to back the whole 2 MiB pages inside [p, p + bytes) with huge pages before they are first
 // written; worth it only for blocks of several MiB that are about to be filled.
 void adviseHugePages(void* p, std::size_t bytes) noexcept;

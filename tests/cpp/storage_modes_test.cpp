@@ -122,4 +122,38 @@ TEST(BorrowedStorageExtra, EmptyBorrowLetsTheSourceGo) {
     EXPECT_NE(b.data(), nullptr);
 }
 
+// ---------------------------------------------------------------------------------------------------------
+// Pooled small blocks: implementation objects and tiny element blocks.
+
+TEST(PooledBlocks, EverySizeClassGivesDistinctWritableBlocksAndTakesThemBack) {
+    for (std::size_t bytes : {std::size_t{1}, std::size_t{64}, std::size_t{65}, sizeof(detail::ArrayImpl),
+                              detail::kPooledBlockMax, detail::kPooledBlockMax + 1}) {
+        std::vector<void*> blocks;
+        for (int i = 0; i < 600; ++i) {  // past one slab of every class
+            blocks.push_back(detail::allocateSmall(bytes));
+            std::memset(blocks.back(), i & 0xff, bytes);
+        }
+        for (std::size_t i = 0; i < blocks.size(); ++i) {
+            const auto* p = static_cast<const std::uint8_t*>(blocks[i]);
+            ASSERT_EQ(p[0], i & 0xff) << bytes;
+            ASSERT_EQ(p[bytes - 1], i & 0xff) << bytes;
+        }
+        for (void* p : blocks) detail::deallocateSmall(p, bytes);
+    }
+    detail::deallocateSmall(nullptr, 8);
+}
+
+TEST(PooledBlocks, ManyScalarsAliveAtOnceKeepTheirValuesAndHandles) {
+    ClientArrayFactory f;
+    std::vector<Array> scalars;
+    for (int i = 0; i < 5000; ++i) scalars.push_back(f.createScalar<double>(i));
+    void* handle = scalars[1234].shareHandle();  // the receiver's own hold outlives the Array
+    scalars.erase(scalars.begin() + 1000, scalars.begin() + 2000);
+    for (int i = 0; i < 1000; ++i) scalars.push_back(f.createScalar<double>(-i));
+    const Array kept = Array::adoptHandle(handle);
+    EXPECT_EQ(kept[0].getValue<double>(), 1234.0);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(scalars[i][0].getValue<double>(), i);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(scalars[4000 + i][0].getValue<double>(), -i);
+}
+
 }  // namespace
