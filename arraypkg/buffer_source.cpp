@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <new>
 #include <string>
 
@@ -78,6 +79,81 @@ Array copyBuffer(const Py_buffer& view, const BufferFormat& format) {
     return f.adoptBuffer(format.type, std::move(dims), std::move(out));
 }
 
+namespace {
+
+// Column-major byte strides of the array a buffer becomes, and the buffer's own, over the buffer's shape.
+struct Layout {
+    std::vector<std::int64_t> shape, src, dst;
+};
+
+Layout layoutOf(const Py_buffer& view, std::size_t itemsize) {
+    const int nd = view.ndim;
+    Layout l;
+    l.shape.assign(view.shape, view.shape + nd);
+    l.src.resize(static_cast<std::size_t>(nd));
+    l.dst.resize(static_cast<std::size_t>(nd));
+    if (view.strides) {
+        for (int k = 0; k < nd; ++k) l.src[k] = view.strides[k];
+    } else {
+        // Without strides an exporter promises C order.
+        std::int64_t s = view.itemsize;
+        for (int k = nd - 1; k >= 0; --k) {
+            l.src[k] = s;
+            s *= l.shape[k];
+        }
+    }
+    columnMajorStrides(l.shape.data(), nd, itemsize, l.dst.data());
+    return l;
+}
+
+// A buffer's elements, borrowed by an array's storage for the length of one call.
+class BorrowedElements final : public foundation::veltradata::detail::ExternalElements {
+public:
+    BorrowedElements(pyutil::BufferView&& view, std::size_t itemsize)
+        : view_(std::move(view)), layout_(layoutOf(*view_, itemsize)), itemsize_(itemsize),
+          columnMajor_(PyBuffer_IsContiguous(&*view_, 'F') ? static_cast<const std::uint8_t*>(view_->buf) : nullptr) {}
+    ~BorrowedElements() override {
+        // The library may drop its last hold anywhere; giving a buffer back needs the interpreter.
+        const PyGILState_STATE gil = PyGILState_Ensure();
+        view_.release();
+        PyGILState_Release(gil);
+    }
+    const std::uint8_t* columnMajor() const noexcept override { return columnMajor_; }
+    void copyTo(std::uint8_t* out) const override {
+        if (columnMajor_) {
+            std::memcpy(out, columnMajor_, bytes());
+            return;
+        }
+        stridedCopy(out, layout_.dst.data(), static_cast<const std::uint8_t*>(view_->buf), layout_.src.data(),
+                    layout_.shape.data(), view_->ndim, itemsize_, itemsize_, false);
+    }
+
+private:
+    std::size_t bytes() const {
+        std::size_t n = itemsize_;
+        for (std::int64_t d : layout_.shape) n *= static_cast<std::size_t>(d);
+        return n;
+    }
+    pyutil::BufferView view_;
+    Layout layout_;
+    std::size_t itemsize_;
+    const std::uint8_t* columnMajor_;
+};
+
+}  // namespace
+
+Array borrowBuffer(pyutil::BufferView& view, const BufferFormat& format) {
+    Dims dims = arrayDimsOf(bufferShape(*view));
+    const std::uint64_t n = foundation::veltradata::numberOfElements(dims);
+    if (n > std::numeric_limits<std::size_t>::max() / format.itemsize)
+        throw foundation::veltradata::DimensionsOverflowException("The array dimensions are too large.");
+    const std::size_t bytes = static_cast<std::size_t>(n) * format.itemsize;
+    auto source = std::make_unique<const BorrowedElements>(std::move(view), format.itemsize);
+    foundation::veltradata::ClientArrayFactory f;
+    return f.adoptBuffer(format.type, std::move(dims),
+                         foundation::veltradata::detail::AlignedBuffer::borrow(bytes, std::move(source)));
+}
+
 // ---- The buffer handle type ----
 
 namespace {
@@ -143,6 +219,13 @@ const Py_buffer* handleBuffer(PyObject* handle, BufferFormat& format) {
     if (!h->view.held()) return nullptr;
     format = h->format;
     return &*h->view;
+}
+
+pyutil::BufferView* handleView(PyObject* handle, BufferFormat& format) {
+    auto* h = reinterpret_cast<BufferHandle*>(handle);
+    if (!h->view.held()) return nullptr;
+    format = h->format;
+    return &h->view;
 }
 
 void releaseHandleBuffer(PyObject* handle) { reinterpret_cast<BufferHandle*>(handle)->view.release(); }

@@ -28,6 +28,10 @@ Dims arrayDimsOf(const std::vector<std::uint64_t>& shape);
 // buffer's shape, from any strides and either byte order.
 Array copyBuffer(const Py_buffer& view, const BufferFormat& format);
 
+// An array of the format's kind whose storage borrows the buffer, which moves out of `view` into it: no copy
+// now, one (reordering) copy when it is written out. Its last hold must go while the elements are unchanged.
+Array borrowBuffer(pyutil::BufferView& view, const BufferFormat& format);
+
 // The private type that owns a Py_buffer for capsule entries 2 and 3.
 bool createBufferHandleType(PyObject* module);
 // A new buffer handle for `obj` and its kind, or null with a Python error set.
@@ -35,6 +39,8 @@ PyObject* newBufferHandle(PyObject* obj, ArrayType& kind);
 bool isBufferHandle(PyObject* o);
 // Borrowed from a handle; null when the handle's buffer was already released.
 const Py_buffer* handleBuffer(PyObject* handle, BufferFormat& format);
+// The handle's own view, for borrowBuffer; null when already released.
+pyutil::BufferView* handleView(PyObject* handle, BufferFormat& format);
 // Releases the buffer now (the object itself goes with its last reference).
 void releaseHandleBuffer(PyObject* handle);
 

@@ -113,7 +113,24 @@ uint64_t bufferBytesEntry(PyObject* handle) {
     return bytes;
 }
 
-const VeltraArrayCapi kTable = {wrapEntry, getArrayEntry, acquireEntry, releaseEntry, isBufferEntry, bufferBytesEntry};
+// Entry 6.
+void* borrowArrayEntry(PyObject* handle) {
+    try {
+        if (!handle || !isBufferHandle(handle)) raise(PyExc_TypeError, "not a buffer handle");
+        BufferFormat format;
+        pyutil::BufferView* view = handleView(handle, format);
+        if (!view) raise(PyExc_ValueError, "the buffer handle was already released");
+        // Logical bytes other than 0 and 1 and the other byte order are normalised by the copy alone.
+        if (format.type == ArrayType::LOGICAL || format.swap) return nullptr;
+        return borrowBuffer(*view, format).releaseImpl();
+    } catch (...) {
+        setErrorFromCurrentException();
+        return nullptr;
+    }
+}
+
+const VeltraArrayCapi kTable = {wrapEntry,     getArrayEntry,    acquireEntry,    releaseEntry,
+                                isBufferEntry, bufferBytesEntry, borrowArrayEntry};
 
 }  // namespace
 

@@ -29,6 +29,13 @@ typedef struct VeltraArrayCapi {
      *    UINT64_MAX when that does not fit), so that a caller can refuse before anything is allocated; 0 for
      *    anything that is not a held buffer handle. Never fails. */
     uint64_t (*buffer_bytes)(PyObject* buffer_handle);
+    /* 6: like entry 1 on a buffer handle in its own kind, without the copy: the new array borrows the
+     *    handle's buffer, which moves into it (entry 3 is still due for the handle). Only for an array that
+     *    lives no longer than the call using it, while the buffer's elements stay as they are; it is written
+     *    from the source memory (reordered to column-major on the way). Null without a Python error when the
+     *    buffer cannot be borrowed (logical or byte-swapped elements): entry 1 then copies. Null with a
+     *    Python error on failure. */
+    void* (*borrow_array)(PyObject* buffer_handle);
 } VeltraArrayCapi;
 
 #endif

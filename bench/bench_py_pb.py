@@ -4,10 +4,12 @@
 
 Prints ratios (ours / peer; lower is better) with the target for each:
   - a small call and its result, against pickle;
-  - a 64 MiB float64 array (Fortran- and C-ordered) into parameters bytes, against one copy of the same bytes;
-  - a result holding one 64 MiB double array into a veltra.double and on to numpy.asarray, against that copy;
+  - a 64 MiB float64 array (Fortran- and C-ordered) into parameters bytes, against numpy's copy of it into fresh
+    memory (a.copy()), with a warm copy (numpy.copyto into memory already touched) beside it;
+  - a result holding one 64 MiB double array into a veltra.double and on to numpy.asarray, against the same;
   - peak memory above the input for the big cases, each in a fresh process (VmHWM), against the payload;
-  - 100,000 mixed numbers and strings in a list, and in a dict of lists: time per element against pickle;
+  - 100,000 mixed numbers and strings in a list, and 100,000 numbers in a dict of 1,000 lists: time per element
+    against pickle;
   - time values, 1,000,000 elements each, in elements per second: a datetime64[ns] array both ways and an engine
     datetime array coming back, against numpy.datetime_as_string of the same values; a timedelta64[ns] array
     both ways, against its cast to timedelta64[ms].
@@ -109,16 +111,22 @@ def big_arrays(report, repeat):
     del data
     assert a_f.nbytes == BIG_BYTES
 
-    # The one-copy peers: bytes(memoryview(a)) copies a C-ordered array straight and reorders an F-ordered one
-    # (memoryview.tobytes writes C order), so a plain memcpy is printed alongside as the stricter yardstick.
-    copy_c = best(lambda: bytes(memoryview(a_c)), repeat)
-    copy_f = best(lambda: bytes(memoryview(a_f)), repeat)
+    # The yardstick is numpy's own copy into fresh memory, as each call must produce fresh bytes: a.copy()
+    # (order "K", so the F-ordered array is copied straight, not reordered). A warm copy (numpy.copyto into
+    # memory already touched) is printed beside it: the same copy without the page faults of new memory.
+    copy = best(lambda: a_f.copy(order="K"), repeat)
+    warm_dst = np.empty_like(a_f, order="K")
+    np.copyto(warm_dst, a_f)
+    warm = best(lambda: np.copyto(warm_dst, a_f), repeat)
+    del warm_dst
+    print(f"  yardsticks: a.copy() {copy * 1e3:.3f} ms, warm numpy.copyto {warm * 1e3:.3f} ms")
 
     params_f = best(lambda: py_pb.py_to_serialized_str((a_f,)), repeat)
     params_c = best(lambda: py_pb.py_to_serialized_str((a_c,)), repeat)
-    report.ratio("F-ordered into params bytes", params_f, copy_f, "bytes(memoryview(aF))", target=2.0)
-    report.ratio("F-ordered into params bytes", params_f, copy_c, "plain copy (C order)")
-    report.ratio("C-ordered into params bytes", params_c, copy_c, "bytes(memoryview(aC))", target=2.5)
+    report.ratio("F-ordered into params bytes", params_f, copy, "a.copy()", target=1.2)
+    report.ratio("F-ordered into params bytes", params_f, warm, "warm numpy.copyto")
+    report.ratio("C-ordered into params bytes", params_c, copy, "a.copy()", target=2.0)
+    report.ratio("C-ordered into params bytes", params_c, warm, "warm numpy.copyto")
 
     result = loopback(py_pb.py_to_serialized_str((a_f,)))
 
@@ -135,20 +143,18 @@ def big_arrays(report, repeat):
         ("  numpy C -> veltra.double (reordering copy)", lambda: veltra.double(a_c)),
         ("  numpy.asfortranarray(aC)", lambda: np.asfortranarray(a_c)),
     ]:
-        report.ratio(label, best(fn, repeat), copy_c, "plain copy (C order)")
+        report.ratio(label, best(fn, repeat), copy, "a.copy()")
     held = veltra.double(a_f)
     report.ratio("  veltra.double -> params bytes (one copy)", best(lambda: py_pb.py_to_serialized_str((held,)), repeat),
-                 copy_c, "plain copy (C order)")
+                 copy, "a.copy()")
     del held
-    report.ratio("  result bytes -> veltra.double", best(lambda: py_pb.serialized_str_to_py(result), repeat),
-                 copy_c, "plain copy (C order)")
 
     view = read_result()
     assert view.shape == BIG_SHAPE and np.array_equal(view, a_f)
     del view
     read = best(read_result, repeat)
-    report.ratio("result -> veltra.double -> numpy.asarray", read, copy_c, "plain copy (C order)", target=2.5)
-    report.ratio("result -> veltra.double -> numpy.asarray", read, copy_f, "bytes(memoryview(aF))")
+    report.ratio("result -> veltra.double -> numpy.asarray", read, copy, "a.copy()", target=1.2)
+    report.ratio("result -> veltra.double -> numpy.asarray", read, warm, "warm numpy.copyto")
 
 
 PEAK_CHILD = textwrap.dedent(
@@ -197,6 +203,10 @@ PEAK_CHILD = textwrap.dedent(
 )
 
 
+# What one conversion may need beyond its input: its output, and little else.
+PEAK_TARGET = 1.1
+
+
 def peak_memory(report):
     print("\n== peak memory above the input, each case in a fresh process (VmHWM)")
     payload_kib = BIG_BYTES // 1024
@@ -208,19 +218,20 @@ def peak_memory(report):
         grown, reset_ok = map(int, out.stdout.split())
         note = "" if reset_ok else " (could not reset the peak: figure may be low)"
         r = grown / payload_kib
-        verdict = "ok" if r <= 2.0 else "MISSED"
-        report.rows.append((f"peak {case}", grown, payload_kib, "payload", r, 2.0, verdict))
-        print(f"  {what:46} {grown / 1024:8.1f} MiB above the input = {r:4.2f}x payload  <= 2x  {verdict}{note}",
-              flush=True)
+        verdict = "ok" if r <= PEAK_TARGET else "MISSED"
+        report.rows.append((f"peak {case}", grown, payload_kib, "payload", r, PEAK_TARGET, verdict))
+        print(f"  {what:46} {grown / 1024:8.1f} MiB above the input = {r:4.2f}x payload  <= {PEAK_TARGET:g}x"
+              f"  {verdict}{note}", flush=True)
 
 
 def many_elements(report, repeat):
     print("\n== 100,000 elements: time per element")
     n = 100_000
     mixed = [i if i % 4 == 0 else i * 0.5 if i % 4 == 1 else f"s{i}" if i % 4 == 2 else -i for i in range(n)]
-    dict_of_lists = {f"col{k}": mixed[k * 1000:(k + 1) * 1000] for k in range(n // 1000)}
+    numbers = [i * 0.25 if i % 2 else i for i in range(n)]
+    dict_of_lists = {f"col{k}": numbers[k * 100:(k + 1) * 100] for k in range(n // 100)}
 
-    for label, value in [("list of numbers and strings", mixed), ("dict of 100 lists of 1,000", dict_of_lists)]:
+    for label, value in [("list of numbers and strings", mixed), ("dict of 1,000 lists of 100 numbers", dict_of_lists)]:
         args = (value,)
         result = loopback(py_pb.py_to_serialized_str(args))
         pickled = pickle.dumps(args)
@@ -230,8 +241,10 @@ def many_elements(report, repeat):
         out_peer = best(lambda: pickle.dumps(args), repeat)
         in_ours = best(lambda: py_pb.serialized_str_to_py(result), repeat)
         in_peer = best(lambda: pickle.loads(pickled), repeat)
-        report.ratio(f"{label}: to bytes", out_ours / n, out_peer / n, "pickle.dumps", unit="ns", scale=1e9)
-        report.ratio(f"{label}: from bytes", in_ours / n, in_peer / n, "pickle.loads", unit="ns", scale=1e9)
+        report.ratio(f"{label}: to bytes", out_ours / n, out_peer / n, "pickle.dumps", target=3.0, unit="ns",
+                     scale=1e9)
+        report.ratio(f"{label}: from bytes", in_ours / n, in_peer / n, "pickle.loads", target=3.0, unit="ns",
+                     scale=1e9)
         print(f"    (message {len(result):,} bytes, pickle {len(pickled):,} bytes)")
 
 

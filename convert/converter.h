@@ -45,9 +45,14 @@ struct ConversionState {
 
     // What one call may still produce (budget.h); null: not counted.
     CallBudget* budget = nullptr;
+    // The result only lives while the call that converts it holds the value: large buffers may then be
+    // borrowed rather than copied, and go once, straight from their memory, into the message.
+    bool callHoldsSources = false;
 
     // What the module's top level passes.
-    static ConversionState topLevel(CallBudget* budget = nullptr) { return ConversionState{true, false, true, budget}; }
+    static ConversionState topLevel(CallBudget* budget = nullptr, bool callHoldsSources = false) {
+        return ConversionState{true, false, true, budget, callHoldsSources};
+    }
     // What a container passes to each of its elements.
     ConversionState forElement() const {
         ConversionState s = *this;

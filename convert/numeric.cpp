@@ -55,15 +55,24 @@ std::optional<Array> fromCapsule(PyObject* obj, ArrayType type) {
     return Array::adoptHandle(handle);
 }
 
-// Entries 2, 1, 3: acquire the buffer, copy it, release the buffer handle on every path.
-std::optional<Array> fromBuffer(PyObject* obj, CallBudget* budget) {
+// Below this a copy costs less than keeping the buffer borrowed.
+constexpr std::uint64_t kBorrowWorthwhile = 16 * 1024;
+
+// Entries 2, 1, 3: acquire the buffer, copy it, release the buffer handle on every path. Within a call that
+// holds the source, entry 6 borrows a large buffer instead (copied once, when the message is written).
+std::optional<Array> fromBuffer(PyObject* obj, const ConversionState& state) {
     const VeltraArrayCapi* capi = capsule();
     if (!capi) return fail(PyExc_TypeError, pyutil::kCapsuleIsNull);
     uint32_t type = 0;
     PyObject* raw = capi->acquire_buffer(obj, &type);
     if (!raw) return failed();  // entry 2's own error says why
     BufferHandle handle(capi, raw);
-    if (budget && !budget->chargeBytes(capi->buffer_bytes(raw))) return failed();  // before the copy is allocated
+    const std::uint64_t bytes = capi->buffer_bytes(raw);
+    if (state.budget && !state.budget->chargeBytes(bytes)) return failed();  // before the copy is allocated
+    if (state.callHoldsSources && bytes >= kBorrowWorthwhile) {
+        if (void* borrowed = capi->borrow_array(raw)) return Array::adoptHandle(borrowed);
+        if (PyErr_Occurred()) return failed();
+    }
     return fromCapsule(handle.get(), static_cast<ArrayType>(type));
 }
 
@@ -96,7 +105,7 @@ std::optional<Array> VCPyLogicalToLogical::doConvert(PyObject* obj, const Conver
 
 std::optional<Array> BufferProtocolObjectToBuffer::doConvert(PyObject* obj, const ConversionState& state) {
     if (!PyObject_CheckBuffer(obj)) return failUnsupportedType(obj);  // only claims to be a memoryview
-    return fromBuffer(obj, state.budget);
+    return fromBuffer(obj, state);
 }
 
 std::optional<Array> NumpyNDArrayObjectToBuffer::doConvert(PyObject* obj, const ConversionState& state) {
@@ -119,7 +128,7 @@ std::optional<Array> NumpyNDArrayObjectToBuffer::doConvert(PyObject* obj, const 
         std::optional<Array> text = numpyTextArray(factory(), obj, kind, state, notText);
         if (text || !notText) return text;  // an object array of other things: the buffer path refuses it
     }
-    return fromBuffer(obj, state.budget);
+    return fromBuffer(obj, state);
 }
 
 PyObject* ConvertVDAToVCPyArray::doConvert(const Array& a) {

@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <string>
 #include <unordered_set>
 #include <utility>
@@ -229,8 +230,13 @@ public:
         p = wire::writeVarint(p, wire::int32Bits(static_cast<int>(t)));
         p = writePacked(p, kDims, impl->dims);
         if (isRawBufferType(t)) {
+            // Straight from wherever the elements lie (a borrowed buffer reorders on the way): one copy.
             const AlignedBuffer& b = impl->get<AlignedBuffer>();
-            if (b.size()) p = wire::writeBytes(p, kData, b.data(), b.size());
+            if (b.size()) {
+                p = wire::writeLenHeader(p, kData, b.size());
+                b.copyTo(p);
+                p += b.size();
+            }
         } else if (isSparseType(t)) {
             const auto& s = impl->get<SparseStorage>();
             if (s.values.size()) p = wire::writeBytes(p, kData, s.values.data(), s.values.size());
@@ -586,9 +592,51 @@ std::uint8_t* encodeArray(const Array& a, std::uint8_t* out) {
     return detail::writeArray(a, sizes, pos, out);
 }
 
+namespace {
+
+// The numeric, logical or char array in the layout every writer gives it (type, packed dims of two or more,
+// data, nothing else), read without the general field table: most arrays in a message are scalars, and
+// this is their whole cost. Anything else, malformed messages included, is left to the general reader
+// (an absent result).
+std::optional<Array> decodeCanonicalRaw(const std::uint8_t* data, std::size_t size, ArrayFactory& factory) {
+    constexpr std::size_t kMaxDims = 8;
+    Reader r(data, size);
+    int field;
+    WireType wt;
+    std::uint64_t type;
+    if (!r.tag(field, wt) || field != kType || wt != wire::kVarint || !r.varint(type)) return std::nullopt;
+    if (type > static_cast<std::uint64_t>(kMaxArrayType) || !isRawBufferType(static_cast<ArrayType>(type)))
+        return std::nullopt;
+    const ArrayType t = static_cast<ArrayType>(type);
+    Span packed;
+    if (!r.tag(field, wt) || field != kDims || wt != wire::kLen || !r.len(packed)) return std::nullopt;
+    std::uint64_t dims[kMaxDims];
+    std::size_t nd = 0;
+    std::uint64_t numel = 1;
+    for (Reader d(packed); !d.done(); ++nd) {
+        if (nd == kMaxDims || !d.varint(dims[nd])) return std::nullopt;
+        if (dims[nd] && numel > std::numeric_limits<std::uint32_t>::max() / dims[nd]) return std::nullopt;
+        numel *= dims[nd];
+    }
+    if (nd < 2) return std::nullopt;
+    const std::size_t want = static_cast<std::size_t>(numel) * elementSize(t);
+    Span payload;
+    if (want) {
+        if (!r.tag(field, wt) || field != kData || wt != wire::kLen || !r.len(payload) || payload.size != want)
+            return std::nullopt;
+    }
+    if (!r.done()) return std::nullopt;
+    AlignedBuffer buf(want, false);
+    if (want) std::memcpy(buf.data(), payload.data, want);
+    return factory.adoptBuffer(t, Dims(dims, dims + nd), std::move(buf));
+}
+
+}  // namespace
+
 Array decodeArray(const std::uint8_t* data, std::size_t size, ArrayFactory& factory, int depth) {
     if (depth > kMaxNestingDepth)
         malformed("arrays are nested more than " + std::to_string(kMaxNestingDepth) + " levels deep");
+    if (std::optional<Array> a = decodeCanonicalRaw(data, size, factory)) return std::move(*a);
     ArrayFields f = parseArray(Span{data, size});
 
     if (!isValidArrayType(f.type) || f.type == static_cast<int>(ArrayType::CLASSIC_OBJECT))

@@ -44,7 +44,8 @@ PyObject* buildParams(PyObject* obj, std::int32_t nargout) {
     std::optional<Array> args;
     {
         detail::CallBudget budget;  // what the conversion may still produce; see convert/budget.h
-        args = detail::convertToArray(obj, ConversionState::topLevel(&budget));
+        // The arguments are written out below while `obj` is still held: large buffers are borrowed.
+        args = detail::convertToArray(obj, ConversionState::topLevel(&budget, true));
     }
     if (!args) return nullptr;
 
@@ -101,11 +102,6 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
             return fail(PyExc_ValueError, kArgsInvalid);
         }
         if (!PyBuffer_IsContiguous(&*view, 'C')) return fail(PyExc_ValueError, kArgsInvalid);
-        // Our own copy; the caller's buffer is let go before anything else runs. (An aligned buffer: large
-        // ones get huge pages, small ones come from the library's pool.)
-        foundation::veltradata::detail::AlignedBuffer data(static_cast<std::size_t>(view->len), false);
-        if (view->len) std::memcpy(data.data(), view->buf, static_cast<std::size_t>(view->len));
-        view.release();
 
         const KeywordOptions options = parseKeywords(kwargs, Direction::FromBytes);
         if (options.failed) return nullptr;
@@ -113,9 +109,13 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
         // A result that cannot be read is reported on standard error only, and the function returns null
         // with no Python exception set: that is how this function has always behaved, unlike the building
         // direction, and callers rely on it.
+        // Read straight from the caller's buffer, each payload copied once into its array; no Python code
+        // runs meanwhile, and nothing read refers to the buffer, which is let go before any value is made.
         Array result;
         try {
-            result = foundation::protobuf::common::readResult(data.data(), data.size());
+            result = foundation::protobuf::common::readResult(static_cast<const std::uint8_t*>(view->buf),
+                                                              static_cast<std::size_t>(view->len));
+            view.release();
         } catch (const std::exception& e) {
             std::fprintf(stderr, "%s\n%s\n", kReadFailed, e.what());
             std::fflush(stderr);

@@ -12,6 +12,9 @@ public:
     BufferView() noexcept = default;
     BufferView(const BufferView&) = delete;
     BufferView& operator=(const BufferView&) = delete;
+    // Takes over o's hold: the Py_buffer protocol lets a view be moved by value (memoryview does so itself).
+    BufferView(BufferView&& o) noexcept : view_(o.view_), held_(o.held_) { o.held_ = false; }
+    BufferView& operator=(BufferView&&) = delete;
     ~BufferView() { release(); }
 
     // PyObject_GetBuffer(obj, flags); false with the exporter's error set. Releases a view held before.

@@ -3,11 +3,12 @@
 #include <sys/mman.h>
 #include <sys/sysinfo.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <mutex>
 #include <new>
+#include <thread>
 #include <utility>
 
 namespace foundation::veltradata::detail {
@@ -48,24 +49,28 @@ namespace {
 #define VELTRA_POOL_SMALL_BLOCKS 1
 #endif
 
-// Scalars and other tiny arrays are the most frequent allocation by far. Aligned allocation of many small
-// blocks fragments the general heap badly (memalign splits chunks), so blocks of one alignment unit come from
-// slabs kept on a free list instead. Slabs are never returned: what is kept is bounded by the peak number of
-// small arrays alive at once. Sanitizer builds allocate each block separately so that misuse is still caught.
-class SmallBlockPool {
+// Scalars and other tiny arrays are the most frequent allocation by far: their element blocks and their
+// implementation objects. Aligned allocation of many small blocks fragments the general heap badly (memalign
+// splits chunks), and a hundred thousand implementation objects alive at once push the general allocator off
+// its fast paths, so blocks of each size class (multiples of one alignment unit) come from slabs kept on a
+// free list instead. Slabs are never returned: what is kept is bounded by the peak number of small objects
+// alive at once. Sanitizer builds allocate each block separately so that misuse is still caught.
+class BlockPool {
 public:
-    static constexpr std::size_t kBlock = AlignedBuffer::kAlignment;
-    static constexpr std::size_t kBlocksPerSlab = 256;
+    static constexpr std::size_t kUnit = AlignedBuffer::kAlignment;
+    static constexpr std::size_t kSlabBytes = std::size_t{16} << 10;
+
+    explicit BlockPool(std::size_t block) : block_(block) {}
 
     void* allocate() {
-        std::lock_guard<std::mutex> lock(mutex_);
+        Lock lock(busy_);
         if (!free_) refill();
         Node* n = free_;
         free_ = n->next;
         return n;
     }
     void deallocate(void* p) noexcept {
-        std::lock_guard<std::mutex> lock(mutex_);
+        Lock lock(busy_);
         Node* n = static_cast<Node*>(p);
         n->next = free_;
         free_ = n;
@@ -75,29 +80,63 @@ private:
     struct Node {
         Node* next;
     };
+    // Held for a few instructions, and mostly by one thread (the interpreter's lock serialises callers): a
+    // spin costs less than a mutex.
+    class Lock {
+    public:
+        explicit Lock(std::atomic_flag& f) noexcept : f_(f) {
+            while (f_.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
+        }
+        ~Lock() { f_.clear(std::memory_order_release); }
+
+    private:
+        std::atomic_flag& f_;
+    };
     void refill() {
-        void* slab = std::aligned_alloc(kBlock, kBlock * kBlocksPerSlab);
+        void* slab = std::aligned_alloc(kUnit, kSlabBytes);
         if (!slab) throw std::bad_alloc();
         auto* bytes = static_cast<std::uint8_t*>(slab);
-        for (std::size_t i = kBlocksPerSlab; i-- > 0;) {
-            Node* n = reinterpret_cast<Node*>(bytes + i * kBlock);
+        for (std::size_t i = kSlabBytes / block_; i-- > 0;) {
+            Node* n = reinterpret_cast<Node*>(bytes + i * block_);
             n->next = free_;
             free_ = n;
         }
     }
-    std::mutex mutex_;
+    const std::size_t block_;
+    std::atomic_flag busy_ = ATOMIC_FLAG_INIT;
     Node* free_ = nullptr;
 };
 
-SmallBlockPool& smallBlocks() {
+constexpr std::size_t kPoolClasses = kPooledBlockMax / BlockPool::kUnit;
+static_assert(kPooledBlockMax % BlockPool::kUnit == 0, "size classes are whole alignment units");
+
+BlockPool& poolFor(std::size_t bytes) {
     // Never destroyed: buffers held by static arrays may be released during exit.
-    static SmallBlockPool* const pool = new SmallBlockPool();
-    return *pool;
+    static BlockPool* const* const pools = [] {
+        auto** p = new BlockPool*[kPoolClasses];
+        for (std::size_t k = 0; k < kPoolClasses; ++k) p[k] = new BlockPool((k + 1) * BlockPool::kUnit);
+        return p;
+    }();
+    return *pools[(bytes + BlockPool::kUnit - 1) / BlockPool::kUnit - 1];
 }
+
+// Element blocks up to one alignment unit come from the pool.
+constexpr std::size_t kPooledElementBytes = BlockPool::kUnit;
 
 constexpr bool kPoolSmallBlocks = VELTRA_POOL_SMALL_BLOCKS != 0;
 
 }  // namespace
+
+void* allocateSmall(std::size_t bytes) {
+    if (!kPoolSmallBlocks || bytes == 0 || bytes > kPooledBlockMax) return ::operator new(bytes);
+    return poolFor(bytes).allocate();
+}
+
+void deallocateSmall(void* p, std::size_t bytes) noexcept {
+    if (!p) return;
+    if (!kPoolSmallBlocks || bytes == 0 || bytes > kPooledBlockMax) ::operator delete(p);
+    else poolFor(bytes).deallocate(p);
+}
 
 void adviseHugePages(void* p, std::size_t bytes) noexcept {
 #ifdef MADV_HUGEPAGE
@@ -126,8 +165,8 @@ AlignedBuffer::AlignedBuffer(std::size_t bytes, bool zeroed) : size_(bytes) {
         data_ = reinterpret_cast<std::uint8_t*>(aligned);
         return;
     }
-    if (kPoolSmallBlocks && bytes <= SmallBlockPool::kBlock) {
-        data_ = static_cast<std::uint8_t*>(smallBlocks().allocate());
+    if (kPoolSmallBlocks && bytes <= kPooledElementBytes) {
+        data_ = static_cast<std::uint8_t*>(poolFor(bytes).allocate());
         if (zeroed) std::memset(data_, 0, bytes);
         return;
     }
@@ -138,11 +177,20 @@ AlignedBuffer::AlignedBuffer(std::size_t bytes, bool zeroed) : size_(bytes) {
     if (zeroed) std::memset(data_, 0, bytes);
 }
 
+AlignedBuffer AlignedBuffer::borrow(std::size_t bytes, std::unique_ptr<const ExternalElements> source) {
+    AlignedBuffer b;
+    if (bytes == 0) return b;
+    b.size_ = bytes;
+    b.source_ = std::move(source);
+    return b;
+}
+
 AlignedBuffer::AlignedBuffer(AlignedBuffer&& o) noexcept
     : data_(std::exchange(o.data_, nullptr)),
       size_(std::exchange(o.size_, 0)),
       mapped_(std::exchange(o.mapped_, 0)),
-      mapBase_(std::exchange(o.mapBase_, nullptr)) {}
+      mapBase_(std::exchange(o.mapBase_, nullptr)),
+      source_(std::move(o.source_)) {}
 
 AlignedBuffer& AlignedBuffer::operator=(AlignedBuffer&& o) noexcept {
     if (this != &o) {
@@ -151,6 +199,7 @@ AlignedBuffer& AlignedBuffer::operator=(AlignedBuffer&& o) noexcept {
         size_ = std::exchange(o.size_, 0);
         mapped_ = std::exchange(o.mapped_, 0);
         mapBase_ = std::exchange(o.mapBase_, nullptr);
+        source_ = std::move(o.source_);
     }
     return *this;
 }
@@ -158,10 +207,12 @@ AlignedBuffer& AlignedBuffer::operator=(AlignedBuffer&& o) noexcept {
 AlignedBuffer::~AlignedBuffer() { reset(); }
 
 void AlignedBuffer::reset() noexcept {
-    if (mapped_) {
+    if (source_) {
+        source_.reset();  // nothing of ours to free: the elements were borrowed
+    } else if (mapped_) {
         ::munmap(mapBase_, mapped_);
-    } else if (kPoolSmallBlocks && data_ && size_ <= SmallBlockPool::kBlock) {
-        smallBlocks().deallocate(data_);
+    } else if (kPoolSmallBlocks && data_ && size_ <= kPooledElementBytes) {
+        poolFor(size_).deallocate(data_);
     } else {
         std::free(data_);
     }
@@ -170,9 +221,20 @@ void AlignedBuffer::reset() noexcept {
     size_ = mapped_ = 0;
 }
 
+void AlignedBuffer::copyTo(std::uint8_t* out) const {
+    if (source_) source_->copyTo(out);
+    else if (size_) std::memcpy(out, data_, size_);
+}
+
+void AlignedBuffer::own() {
+    AlignedBuffer b(size_, false);
+    source_->copyTo(b.data_);
+    *this = std::move(b);
+}
+
 AlignedBuffer AlignedBuffer::clone() const {
     AlignedBuffer b(size_, false);
-    if (size_) std::memcpy(b.data(), data(), size_);
+    if (size_) copyTo(b.data_);
     return b;
 }
 

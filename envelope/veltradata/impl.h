@@ -50,6 +50,9 @@ public:
         : type(type), dims(std::move(dims)), numel(numel), storage(std::move(storage)) {}
     ArrayImpl(const ArrayImpl&) = delete;
     ArrayImpl& operator=(const ArrayImpl&) = delete;
+    // From the library's pool of small blocks: scalars come and go by the hundred thousand.
+    static void* operator new(std::size_t bytes) { return allocateSmall(bytes); }
+    static void operator delete(void* p, std::size_t bytes) noexcept { deallocateSmall(p, bytes); }
 
     // First operation of the handle: one more hold.
     virtual void retain() noexcept { holds.fetch_add(1, std::memory_order_relaxed); }

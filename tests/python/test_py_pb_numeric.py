@@ -121,6 +121,30 @@ def test_numpy_readonly_and_noncontiguous_views():
         assert_matches(out, view)
 
 
+# Large buffers are not copied while converting: their elements go once, from the source memory, into the
+# message (reordered to column-major on the way). Every layout must give the payload a copy would.
+@pytest.mark.parametrize("layout", ["contiguous", "strided", "swapped"])
+@pytest.mark.parametrize("order", ["C", "F"])
+@pytest.mark.parametrize("dtype", [np.float64, np.int8, np.complex64, np.bool_], ids=str)
+def test_large_numpy_arrays_are_written_from_their_own_memory(dtype, order, layout):
+    a, values = make(dtype, (70, 33, 9), order, layout)  # 20,790 elements: over the borrowing threshold
+    sent = sent_arrays(py_pb.py_to_serialized_str((a, a[:, 1, :])))
+    wire_dtype = np.dtype(np.uint8 if dtype == np.bool_ else dtype).newbyteorder("<")
+    for msg, v in zip(sent, [values, values[:, 1, :]]):
+        assert msg.type == DTYPE_KIND[np.dtype(dtype)] and tuple(msg.dims) == v.shape
+        np.testing.assert_array_equal(np.frombuffer(msg.data, wire_dtype), v.reshape(-1, order="F").astype(wire_dtype))
+
+
+def test_a_borrowed_buffer_is_released_on_success_and_on_failure():
+    ba = bytearray(64 * 1024)
+    mv = memoryview(ba).cast("d")
+    assert py_pb.py_to_serialized_str((mv,))
+    with pytest.raises(TypeError, match="passing 'None'"):
+        py_pb.py_to_serialized_str((mv, [None]))  # fails after the buffer was taken
+    mv.release()
+    ba.extend(bytes(8))  # raises BufferError while any export is held
+
+
 # ---------------------------------------------------------------------------------------------------------
 # other buffer objects: one of each exporter (their formats: test_arraypkg_capi.py)
 

@@ -1,0 +1,159 @@
+// Storage modes of numeric arrays beyond a block of their own: elements borrowed from memory the library
+// does not own, read in place or reordered, and detached before any write.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "serialization.h"
+#include "veltradata/buffer.h"
+#include "veltradata/impl.h"
+#include "veltradata/veltradata.h"
+
+namespace {
+
+using namespace foundation::veltradata;
+using foundation::veltradata::detail::AlignedBuffer;
+using foundation::veltradata::detail::ExternalElements;
+namespace vp = foundation::veltradata::protobuf;
+
+// A 2-by-3 double matrix held by someone else, in column-major or row-major order.
+struct Source {
+    std::vector<double> values;
+    bool rowMajor = false;
+    int released = 0;
+    int copies = 0;
+};
+
+class Borrowed final : public ExternalElements {
+public:
+    explicit Borrowed(Source& s) : s_(s) {}
+    ~Borrowed() override { ++s_.released; }
+    const std::uint8_t* columnMajor() const noexcept override {
+        return s_.rowMajor ? nullptr : reinterpret_cast<const std::uint8_t*>(s_.values.data());
+    }
+    void copyTo(std::uint8_t* out) const override {
+        ++s_.copies;
+        double* d = reinterpret_cast<double*>(out);
+        for (int r = 0; r < 2; ++r)
+            for (int c = 0; c < 3; ++c) d[c * 2 + r] = s_.rowMajor ? s_.values[r * 3 + c] : s_.values[c * 2 + r];
+    }
+
+private:
+    Source& s_;
+};
+
+const std::vector<double> kColumnMajor{1, 4, 2, 5, 3, 6};  // [[1, 2, 3], [4, 5, 6]]
+
+Array borrowedMatrix(Source& s) {
+    ClientArrayFactory f;
+    return f.adoptBuffer(ArrayType::DOUBLE, {2, 3},
+                         AlignedBuffer::borrow(6 * sizeof(double), std::make_unique<Borrowed>(s)));
+}
+
+std::string encode(const Array& a) {
+    std::string out(vp::encodedSize(a), '\0');
+    vp::encodeArray(a, reinterpret_cast<std::uint8_t*>(out.data()));
+    return out;
+}
+
+class BorrowedStorage : public ::testing::TestWithParam<bool> {
+protected:
+    Source source{GetParam() ? std::vector<double>{1, 2, 3, 4, 5, 6} : kColumnMajor, GetParam()};
+};
+
+TEST_P(BorrowedStorage, IsWrittenOnceFromTheSourceAsAnOwnedCopyWouldBe) {
+    ClientArrayFactory f;
+    const Array owned = f.createArrayWithData(ArrayType::DOUBLE, {2, 3}, kColumnMajor.data(), 6 * sizeof(double));
+    {
+        const Array a = borrowedMatrix(source);
+        EXPECT_EQ(encode(a), encode(owned));
+        EXPECT_EQ(source.copies, 1);  // straight from the source into the message
+        EXPECT_EQ(source.released, 0);
+    }
+    EXPECT_EQ(source.released, 1);
+}
+
+TEST_P(BorrowedStorage, ReadsReachTheSourceOrAReorderedCopyOfIt) {
+    const Array a = borrowedMatrix(source);
+    const std::uint8_t* p = elementBytes(a);
+    EXPECT_EQ(std::memcmp(p, kColumnMajor.data(), 6 * sizeof(double)), 0);
+    if (GetParam()) {
+        EXPECT_EQ(source.released, 1);  // reordered into storage of its own, the source let go at once
+    } else {
+        EXPECT_EQ(p, reinterpret_cast<const std::uint8_t*>(source.values.data()));  // in place
+        EXPECT_EQ(source.copies, 0);
+    }
+    EXPECT_EQ(a[1][2].getValue<double>(), 6.0);
+    EXPECT_TRUE(a == borrowedMatrix(source));
+}
+
+TEST_P(BorrowedStorage, WritesNeverReachTheSource) {
+    const std::vector<double> before = source.values;
+    Array a = borrowedMatrix(source);
+    Array shared = a;
+    a[0].setElement(10.0);  // shared: detaches
+    shared[5].setElement(60.0);  // now alone, but still borrowing: takes storage of its own first
+    EXPECT_EQ(source.values, before);
+    EXPECT_EQ(source.released, 1);
+    EXPECT_EQ(a[0].getValue<double>(), 10.0);
+    EXPECT_EQ(a[5].getValue<double>(), 6.0);
+    EXPECT_EQ(shared[0].getValue<double>(), 1.0);
+    EXPECT_EQ(shared[5].getValue<double>(), 60.0);
+    AlignedBuffer b = AlignedBuffer::borrow(6 * sizeof(double), std::make_unique<Borrowed>(source));
+    const AlignedBuffer c = b.clone();
+    EXPECT_TRUE(b.borrowed());
+    EXPECT_FALSE(c.borrowed());
+    EXPECT_EQ(std::memcmp(c.data(), kColumnMajor.data(), c.size()), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Order, BorrowedStorage, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "RowMajor" : "ColumnMajor"; });
+
+TEST(BorrowedStorageExtra, EmptyBorrowLetsTheSourceGo) {
+    Source s{{}, false};
+    AlignedBuffer b = AlignedBuffer::borrow(0, std::make_unique<Borrowed>(s));
+    EXPECT_EQ(s.released, 1);
+    EXPECT_FALSE(b.borrowed());
+    EXPECT_NE(b.data(), nullptr);
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Pooled small blocks: implementation objects and tiny element blocks.
+
+TEST(PooledBlocks, EverySizeClassGivesDistinctWritableBlocksAndTakesThemBack) {
+    for (std::size_t bytes : {std::size_t{1}, std::size_t{64}, std::size_t{65}, sizeof(detail::ArrayImpl),
+                              detail::kPooledBlockMax, detail::kPooledBlockMax + 1}) {
+        std::vector<void*> blocks;
+        for (int i = 0; i < 600; ++i) {  // past one slab of every class
+            blocks.push_back(detail::allocateSmall(bytes));
+            std::memset(blocks.back(), i & 0xff, bytes);
+        }
+        for (std::size_t i = 0; i < blocks.size(); ++i) {
+            const auto* p = static_cast<const std::uint8_t*>(blocks[i]);
+            ASSERT_EQ(p[0], i & 0xff) << bytes;
+            ASSERT_EQ(p[bytes - 1], i & 0xff) << bytes;
+        }
+        for (void* p : blocks) detail::deallocateSmall(p, bytes);
+    }
+    detail::deallocateSmall(nullptr, 8);
+}
+
+TEST(PooledBlocks, ManyScalarsAliveAtOnceKeepTheirValuesAndHandles) {
+    ClientArrayFactory f;
+    std::vector<Array> scalars;
+    for (int i = 0; i < 5000; ++i) scalars.push_back(f.createScalar<double>(i));
+    void* handle = scalars[1234].shareHandle();  // the receiver's own hold outlives the Array
+    scalars.erase(scalars.begin() + 1000, scalars.begin() + 2000);
+    for (int i = 0; i < 1000; ++i) scalars.push_back(f.createScalar<double>(-i));
+    const Array kept = Array::adoptHandle(handle);
+    EXPECT_EQ(kept[0].getValue<double>(), 1234.0);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(scalars[i][0].getValue<double>(), i);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(scalars[4000 + i][0].getValue<double>(), -i);
+}
+
+}  // namespace
