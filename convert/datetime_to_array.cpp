@@ -150,7 +150,8 @@ std::optional<Array> PyNumpyDatetime64ArrayToDatetime::doConvert(PyObject* obj, 
             }
             Ref raw = Ref::steal(PyObject_CallFunction(int64Type.get(), "L", static_cast<long long>(v)));
             Ref scalar = raw ? Ref::steal(PyObject_CallMethod(raw.get(), "view", "O", values.dtype())) : Ref();
-            Ref str = scalar ? callMethod(scalar.get(), "__str__") : Ref();
+            // numpy's own error when it cannot print the value (a multiplied unit past its range).
+            Ref str = scalar ? Ref::steal(PyObject_Str(scalar.get())) : Ref();
             if (!str) return false;
             std::optional<std::u16string> units = pyUnicodeToUtf16(str.get());
             if (!units) return false;

@@ -25,14 +25,6 @@ PYTHONS=(3.11 3.12 3.13)
 QUICK_SELECTION=(--ignore="$ROOT/tests/python/test_py_pb_property.py" --ignore="$ROOT/tests/python/test_py_pb_leaks.py"
   --ignore="$ROOT/tests/python/test_arraypkg_leaks.py" --ignore="$ROOT/tests/python/test_py_pb_hostile.py")
 
-# numpy 2.5 refuses to print datetime64 values of a multiplied unit whose scaling overflows (older numpy printed a
-# wrapped date), and py_pb then fails with an AttributeError; these tests draw such values. Not yet resolved, so
-# left out where numpy is 2.5 or later; the environment with an older numpy still runs them.
-NUMPY_2_5_FAILURES=(
-  "tests/python/test_py_pb_time.py::test_numpy_arrays_travel_as_the_texts_numpy_prints_in_column_major_order[10ms]"
-  "tests/python/test_py_pb_time.py::test_numpy_arrays_travel_as_the_texts_numpy_prints_in_column_major_order[2D]"
-  "tests/python/test_py_pb_time.py::test_numpy_arrays_travel_as_the_texts_numpy_prints_in_column_major_order[3h]")
-
 fail() { echo "test_wheel: $*" >&2; exit 1; }
 
 # pip's output goes to a log, shown when it fails.
@@ -102,12 +94,8 @@ make_venv() {
 # Runs pytest on tests/python from an empty directory, so that only the venv's site-packages can provide py_pb
 # and veltra, and checks afterwards where the py_pb the tests used came from.
 run_tests() {
-  local venv=$1 id
+  local venv=$1
   shift
-  if "$venv/bin/python" -c 'import sys, numpy; sys.exit(tuple(map(int, numpy.__version__.split(".")[:2])) < (2, 5))'; then
-    for id in "${NUMPY_2_5_FAILURES[@]}"; do set -- "$@" --deselect "$id"; done
-    echo "  numpy 2.5 or later: ${#NUMPY_2_5_FAILURES[@]} tests of multiplied-unit datetime64 arrays left out"
-  fi
   mkdir -p "$OUT/run"
   (cd "$OUT/run" && "$venv/bin/python" - "$ROOT" "$ROOT/tests/python" "$@" <<'EOF')
 import sys, sysconfig

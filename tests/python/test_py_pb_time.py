@@ -161,8 +161,14 @@ def test_numpy_arrays_travel_as_the_texts_numpy_prints_in_column_major_order(uni
     else:
         a = _random_datetimes(unit, (4, 3, 25), rng)
     for layout in _layouts(a):
+        try:
+            texts = [str(e) for e in layout.ravel(order="F")]
+        except OverflowError:  # numpy 2.5 and later refuse to print a multiplied unit past its range
+            with pytest.raises(OverflowError):
+                sent(layout)
+            continue
         [(kind, dims, (_, [p]))] = sent(layout)
-        assert p["DateString"] == (STRING, layout.shape or (1, 1), [str(e) for e in layout.ravel(order="F")])
+        assert p["DateString"] == (STRING, layout.shape or (1, 1), texts)
 
 
 @pytest.mark.parametrize("unit", UNITS)
