@@ -14,6 +14,7 @@
 #include "convert/text.h"
 #include "convert/text_arrays.h"
 #include "pyutil/type_name.h"
+#include "tables/arrow_strings.h"
 #include "tables/categorical.h"
 #include "tables/table_layout.h"
 
@@ -295,11 +296,17 @@ std::optional<Array> convertColumn(const Modules& m, ArrayFactory& f, PyObject* 
         }
     }
     if (isA(dtype.get(), m.stringDtype.get())) {
+        std::optional<Array> arrow = arrowStringColumn(f, series, state);
+        if (arrow || PyErr_Occurred()) return arrow;
         Ref kwargs = Ref::steal(Py_BuildValue("{s:s}", "dtype", "object"));
         Ref values = kwargs ? columnValues(series, kwargs.get()) : Ref();
         if (!values) return failed();
         const std::string name = utf8Of(dtype.get());
         return textColumn(f, values.get(), 'O', name.c_str(), state);
+    }
+    if (PyObject_HasAttrString(dtype.get(), "pyarrow_dtype")) {  // pandas.ArrowDtype: strings read in place
+        std::optional<Array> arrow = arrowStringColumn(f, series, state);
+        if (arrow || PyErr_Occurred()) return arrow;
     }
     if ((kind == 'b' || kind == 'i' || kind == 'u' || kind == 'f') && PyObject_HasAttrString(dtype.get(), "numpy_dtype"))
         return maskedColumn(series, dtype.get(), kind, state);

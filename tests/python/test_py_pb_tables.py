@@ -326,3 +326,15 @@ def test_a_frame_inside_containers_and_a_failing_reset_index():
         py_pb.py_to_serialized_str((Broken({"a": [1]}, index=[5]),))
     if PANDAS3:  # plain str columns are pandas 3's own string dtype and convert as they are
         assert pd.DataFrame({"s": ["a"]})["s"].dtype != object and back(pd.DataFrame({"s": ["a"]}))["s"][0] == "a"
+
+
+def test_pyarrow_held_string_columns_are_read_in_place_as_their_text():
+    pa = pytest.importorskip("pyarrow")
+    values = ["a", None, "zé\U0001F600", "", "x" * 300, None]
+    chunked = pa.chunked_array([pa.array(values[:2]), pa.array(values[2:])])
+    columns = [pd.Series(values, dtype=pd.StringDtype("pyarrow")), pd.Series(values, dtype=pd.ArrowDtype(pa.string())),
+               pd.Series(values, dtype=pd.StringDtype("pyarrow")).iloc[1:5].reset_index(drop=True),
+               pd.Series(pd.arrays.ArrowExtensionArray(chunked))]
+    for col in columns:
+        [[_, _, (_, [p])]] = sent(pd.DataFrame({"c": col}))
+        assert p["data"][2] == [(STRING, (len(col), 1), [None if pd.isna(v) else v for v in col])]
