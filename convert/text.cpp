@@ -71,6 +71,21 @@ std::optional<Utf16Bytes> encodeUtf16(PyObject* obj) {
 
 }  // namespace
 
+std::size_t appendUtf16(const std::uint32_t* cps, std::size_t n, std::u16string& out) {
+    out.reserve(out.size() + n);
+    for (std::size_t i = 0; i < n; ++i) {
+        const std::uint32_t c = cps[i];
+        if ((c >= 0xD800 && c <= 0xDFFF) || c > 0x10FFFF) return i;
+        if (c < 0x10000) {
+            out.push_back(static_cast<char16_t>(c));
+        } else {
+            out.push_back(static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10)));
+            out.push_back(static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF)));
+        }
+    }
+    return n;
+}
+
 std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj) {
     // Short text, most of what tables and lists hold, is copied out as code points into a buffer on the stack
     // and made UTF-16 here: no codec and no bytes object per string. A surrogate code point, which UTF-16
@@ -82,19 +97,7 @@ std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj) {
         Py_UCS4 cps[kStack];
         if (n && !PyUnicode_AsUCS4(obj, cps, kStack, 0)) return std::nullopt;
         std::u16string out;
-        out.reserve(static_cast<std::size_t>(n));
-        bool surrogate = false;
-        for (Py_ssize_t i = 0; i < n && !surrogate; ++i) {
-            const Py_UCS4 c = cps[i];
-            surrogate = c >= 0xD800 && c <= 0xDFFF;
-            if (c < 0x10000) {
-                out.push_back(static_cast<char16_t>(c));
-            } else {
-                out.push_back(static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10)));
-                out.push_back(static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF)));
-            }
-        }
-        if (!surrogate) return out;
+        if (appendUtf16(cps, static_cast<std::size_t>(n), out) == static_cast<std::size_t>(n)) return out;
     }
     std::optional<Utf16Bytes> encoded = encodeUtf16(obj);
     if (!encoded) return std::nullopt;

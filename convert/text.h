@@ -1,12 +1,18 @@
 // Python str <-> CHAR and VELTRA_STRING arrays. Text crosses as UTF-16 code units both ways.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 
 #include "convert/converter.h"
 
 namespace PythonVeltraDataArray::detail {
+
+// Appends code points as UTF-16 and returns how many it took: fewer than n at the first one UTF-16 cannot
+// carry (a surrogate, or beyond U+10FFFF), where it stops without setting an error.
+std::size_t appendUtf16(const std::uint32_t* cps, std::size_t n, std::u16string& out);
 
 // The UTF-16 code units of a str, without the byte-order mark; nothing, with the codec's error
 // pending, for text UTF-16 cannot carry (a lone surrogate).

@@ -53,29 +53,18 @@ Ref flatColumnMajor(PyObject* array) {
 
 
 // UCS4 code points (trailing NULs dropped) as UTF-16; a lone surrogate fails as it does for a str.
-bool utf16FromUcs4(const char32_t* p, std::size_t n, std::u16string& out) {
+bool utf16FromUcs4(const std::uint32_t* p, std::size_t n, std::u16string& out) {
     while (n && p[n - 1] == 0) --n;
     out.clear();
-    out.reserve(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        const char32_t c = p[i];
-        if (c >= 0xD800 && c <= 0xDFFF) {
-            const std::uint32_t probe = 1;
-            int order = *reinterpret_cast<const unsigned char*>(&probe) == 1 ? -1 : 1;  // the native order
-            Ref text = Ref::steal(PyUnicode_DecodeUTF32(reinterpret_cast<const char*>(p), static_cast<Py_ssize_t>(n * 4),
-                                                        "surrogatepass", &order));
-            if (text) pyUnicodeToUtf16(text.get());  // sets the codec's error
-            return false;
-        }
-        if (c > 0x10FFFF) return fail(PyExc_ValueError, "numpy text holds a code point beyond U+10FFFF");
-        if (c < 0x10000) {
-            out.push_back(static_cast<char16_t>(c));
-        } else {
-            out.push_back(static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10)));
-            out.push_back(static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF)));
-        }
-    }
-    return true;
+    const std::size_t taken = appendUtf16(p, n, out);
+    if (taken == n) return true;
+    if (p[taken] > 0x10FFFF) return fail(PyExc_ValueError, "numpy text holds a code point beyond U+10FFFF");
+    const std::uint32_t probe = 1;
+    int order = *reinterpret_cast<const unsigned char*>(&probe) == 1 ? -1 : 1;  // the native order
+    Ref text = Ref::steal(PyUnicode_DecodeUTF32(reinterpret_cast<const char*>(p), static_cast<Py_ssize_t>(n * 4),
+                                                "surrogatepass", &order));
+    if (text) pyUnicodeToUtf16(text.get());  // sets the codec's error
+    return false;
 }
 
 }  // namespace
@@ -127,7 +116,7 @@ std::optional<Array> numpyTextArray(ArrayFactory& f, PyObject* array, char kind,
         const auto* base = static_cast<const char*>(view->buf);
         texts.reserve(n);
         std::u16string text;
-        std::vector<char32_t> cps;
+        std::vector<std::uint32_t> cps;
         for (std::size_t i = 0; i < n; ++i) {
             if (!pollSignals()) return failed();
             const char* p = base + i * itemsize;

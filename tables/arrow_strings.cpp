@@ -7,46 +7,13 @@
 
 #include "convert/budget.h"
 #include "pyutil/buffer.h"
+#include "veltradata/text.h"
 
 namespace PythonVeltraDataArray::detail {
 
 namespace {
 
 using foundation::veltradata::VeltraString;
-
-// Strict UTF-8 to UTF-16; false for bytes that are not UTF-8 (overlong forms, surrogates, past U+10FFFF).
-bool utf8ToUtf16(const unsigned char* p, std::size_t n, std::u16string& out) {
-    out.clear();
-    out.reserve(n);
-    for (std::size_t i = 0; i < n;) {
-        const unsigned char c = p[i];
-        if (c < 0x80) {
-            out.push_back(c);
-            ++i;
-            continue;
-        }
-        int extra;
-        char32_t cp, min;
-        if ((c & 0xE0) == 0xC0) extra = 1, cp = c & 0x1F, min = 0x80;
-        else if ((c & 0xF0) == 0xE0) extra = 2, cp = c & 0x0F, min = 0x800;
-        else if ((c & 0xF8) == 0xF0) extra = 3, cp = c & 0x07, min = 0x10000;
-        else return false;
-        if (n - i <= static_cast<std::size_t>(extra)) return false;
-        for (int k = 1; k <= extra; ++k) {
-            if ((p[i + k] & 0xC0) != 0x80) return false;
-            cp = (cp << 6) | (p[i + k] & 0x3F);
-        }
-        if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-        if (cp < 0x10000) {
-            out.push_back(static_cast<char16_t>(cp));
-        } else {
-            out.push_back(static_cast<char16_t>(0xD800 + ((cp - 0x10000) >> 10)));
-            out.push_back(static_cast<char16_t>(0xDC00 + ((cp - 0x10000) & 0x3FF)));
-        }
-        i += static_cast<std::size_t>(extra) + 1;
-    }
-    return true;
-}
 
 // An attribute, or nothing with the error cleared: every miss means "not held in pyarrow's format".
 Ref attr(PyObject* obj, const char* name) {
@@ -123,10 +90,10 @@ int readChunk(PyObject* chunk, std::vector<VeltraString>& out, std::uint64_t& un
         const std::int64_t start = offsetAt(i), end = offsetAt(i + 1);
         if (start < 0 || end < start || static_cast<std::uint64_t>(end) > dataLen) return -1;
         const std::size_t len = static_cast<std::size_t>(end - start);
-        if (!utf8ToUtf16(bytes ? bytes + start : nullptr, len, text)) {
+        const char* utf8 = reinterpret_cast<const char*>(bytes) + start;
+        if (!foundation::veltradata::utf8ToUtf16Strict(len ? utf8 : "", len, text)) {
             // The codec's own error for what is not UTF-8.
-            Ref decoded = Ref::steal(PyUnicode_DecodeUTF8(reinterpret_cast<const char*>(bytes + start),
-                                                          static_cast<Py_ssize_t>(len), "strict"));
+            Ref decoded = Ref::steal(PyUnicode_DecodeUTF8(utf8, static_cast<Py_ssize_t>(len), "strict"));
             if (decoded) fail(PyExc_ValueError, "pyarrow string column holds text that is not UTF-8");
             return 0;
         }

@@ -4,11 +4,12 @@
 
 namespace foundation::veltradata {
 
-std::u16string utf8ToUtf16(const std::string& s) {
-    std::u16string out;
-    out.reserve(s.size());
-    const auto* p = reinterpret_cast<const unsigned char*>(s.data());
-    const std::size_t n = s.size();
+namespace {
+
+// Decodes from p[0..n) into out. Strict: false at the first malformed sequence (overlong forms, surrogates,
+// values beyond the Unicode range); otherwise each malformed byte becomes U+FFFD.
+bool decodeUtf8(const unsigned char* p, std::size_t n, std::u16string& out, bool strict) {
+    out.reserve(out.size() + n);
     std::size_t i = 0;
     while (i < n) {
         std::uint32_t c = p[i];
@@ -19,10 +20,10 @@ std::u16string utf8ToUtf16(const std::string& s) {
             if ((p[i + k] & 0xC0) != 0x80) ok = false;
             else cp = (cp << 6) | (p[i + k] & 0x3F);
         }
-        // Reject overlong forms, surrogates and values beyond the Unicode range.
         static constexpr std::uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
         if (ok && (cp < kMin[len] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))) ok = false;
         if (!ok) {
+            if (strict) return false;
             out.push_back(u'\uFFFD');
             ++i;
             continue;
@@ -36,7 +37,20 @@ std::u16string utf8ToUtf16(const std::string& s) {
         }
         i += len;
     }
+    return true;
+}
+
+}  // namespace
+
+std::u16string utf8ToUtf16(const std::string& s) {
+    std::u16string out;
+    decodeUtf8(reinterpret_cast<const unsigned char*>(s.data()), s.size(), out, false);
     return out;
+}
+
+bool utf8ToUtf16Strict(const char* data, std::size_t size, std::u16string& out) {
+    out.clear();
+    return decodeUtf8(reinterpret_cast<const unsigned char*>(data), size, out, true);
 }
 
 std::string utf16ToUtf8(const std::u16string& s) {
