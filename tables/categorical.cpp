@@ -6,10 +6,9 @@
 #include <vector>
 
 #include "convert/budget.h"
-#include "convert/dispatch.h"
 #include "convert/numpy_time.h"
-#include "convert/text.h"
 #include "pyutil/buffer.h"
+#include "tables/table_to_dataframe.h"
 
 namespace PythonVeltraDataArray::detail {
 
@@ -95,35 +94,6 @@ bool isIntegerKind(ArrayType t) {
     return (t >= ArrayType::INT8 && t <= ArrayType::UINT64) || t == ArrayType::DOUBLE || t == ArrayType::SINGLE;
 }
 
-// categoryNames as a list of str: a cell of char rows, or a string array without missing elements.
-Ref namesList(const Array& names) {
-    const std::uint64_t k = names.getNumberOfElements();
-    Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(k)));
-    if (!list) return Ref();
-    if (names.getType() == ArrayType::VELTRA_STRING) {
-        const auto* texts = foundation::veltradata::stringElements(names);
-        for (std::uint64_t i = 0; i < k; ++i) {
-            if (!texts[i]) return fail(PyExc_ValueError, "categorical category names hold a missing string");
-            PyObject* s = PyUnicode_DecodeUTF16(reinterpret_cast<const char*>(texts[i]->data()),
-                                                static_cast<Py_ssize_t>(texts[i]->size() * 2), "surrogatepass", nullptr);
-            if (!s) return Ref();
-            PyList_SetItem(list.get(), static_cast<Py_ssize_t>(i), s);
-        }
-        return list;
-    }
-    if (names.getType() != ArrayType::CELL)
-        return fail(PyExc_ValueError, "categorical category names must be a cell of char arrays or a string array");
-    const Array* cells = foundation::veltradata::cellElements(names);
-    for (std::uint64_t i = 0; i < k; ++i) {
-        if (cells[i].getType() != ArrayType::CHAR && !cells[i].isEmpty())
-            return fail(PyExc_ValueError, "categorical category names must be a cell of char arrays or a string array");
-        PyObject* s = cells[i].isEmpty() ? PyUnicode_FromString("") : convertToPython(cells[i]);
-        if (!s) return Ref();
-        PyList_SetItem(list.get(), static_cast<Py_ssize_t>(i), s);
-    }
-    return list;
-}
-
 }  // namespace
 
 std::optional<Array> categoricalFromSeries(ArrayFactory& f, PyObject* series, const ConversionState& state) {
@@ -177,8 +147,11 @@ PyObject* categoricalToPython(const Array& a) {
     const Array& codes = v[id.codes];
     if (!isIntegerKind(codes.getType()))
         return fail(PyExc_ValueError, "VELTRA categorical codes must be integers");
-    Ref names = namesList(v[id.names]);
+    std::vector<Ref> texts;
+    if (!namesOf(v[id.names], "VELTRA categorical category names", texts)) return nullptr;
+    Ref names = Ref::steal(PyList_New(static_cast<Py_ssize_t>(texts.size())));
     if (!names) return nullptr;
+    for (std::size_t i = 0; i < texts.size(); ++i) PyList_SetItem(names.get(), static_cast<Py_ssize_t>(i), texts[i].release());
     const std::uint64_t k = static_cast<std::uint64_t>(PyList_Size(names.get()));
 
     // pandas codes: 0-based, -1 for missing.

@@ -94,20 +94,15 @@ bool isDefaultIndex(PyObject* index, PyObject* rangeIndex) {
     return v[0] == 0 && v[1] >= 1 && v[2] == 1;
 }
 
-bool isTimeKind(PyObject* dtype) {
+// A dtype's kind as its strict UTF-8 text ("" when it has none), and its first letter.
+std::string kindText(PyObject* dtype) {
     Ref kind = Ref::steal(PyObject_GetAttrString(dtype, "kind"));
-    Ref bytes = kind && PyUnicode_Check(kind.get()) ? Ref::steal(PyUnicode_AsEncodedString(kind.get(), "utf-8", "strict"))
-                                                    : Ref();
+    Py_ssize_t size = 0;
+    const char* text = kind && PyUnicode_Check(kind.get()) ? PyUnicode_AsUTF8AndSize(kind.get(), &size) : nullptr;
     PyErr_Clear();
-    return bytes && PyBytes_Size(bytes.get()) == 1 && PyBytes_AsString(bytes.get())[0] == 'M';
+    return text ? std::string(text, static_cast<std::size_t>(size)) : std::string();
 }
-
-char kindOf(PyObject* dtype) {
-    Ref kind = Ref::steal(PyObject_GetAttrString(dtype, "kind"));
-    const char* text = kind && PyUnicode_Check(kind.get()) ? PyUnicode_AsUTF8AndSize(kind.get(), nullptr) : nullptr;
-    PyErr_Clear();
-    return text ? text[0] : '\0';
-}
+char kindOf(PyObject* dtype) { return kindText(dtype)[0]; }  // '\0' for none
 
 std::string utf8Of(PyObject* obj) {
     Ref str = Ref::steal(PyObject_Str(obj));
@@ -395,7 +390,7 @@ std::optional<Array> PyDataFrameToTable::doConvert(PyObject* obj, const Conversi
     if (n && !dtypes) return failed();
     Py_ssize_t timeColumn = -1;
     for (Py_ssize_t i = 0; i < n && i < PyTuple_Size(dtypes.get()); ++i)
-        if (isTimeKind(PyTuple_GetItem(dtypes.get(), i))) {
+        if (kindText(PyTuple_GetItem(dtypes.get(), i)) == "M") {
             timeColumn = i;
             break;
         }

@@ -248,38 +248,14 @@ Ref variableToColumn(const Modules& m, const Array& v) {
 }
 
 // The text of a name (a char row, or a string scalar); null with an error set.
-Ref nameText(const Array& name) {
+Ref nameText(const Array& name, const std::string& what) {
     if (name.getType() == ArrayType::CHAR && isRowOrColumn(name)) return Ref::steal(convertToPython(name));
     if (name.getType() == ArrayType::VELTRA_STRING && name.getNumberOfElements() == 1) {
         Ref s = Ref::steal(convertToPython(name));
         if (s && s.get() != Py_None) return s;
     }
     if (name.isEmpty()) return Ref::steal(PyUnicode_FromString(""));
-    return fail(PyExc_ValueError, "VELTRA table variable names must be char arrays");
-}
-
-// The elements of a names array (a cell of char rows, or a string array) as texts.
-bool namesOf(const Array& names, std::vector<Ref>& out) {
-    const std::uint64_t n = names.getNumberOfElements();
-    if (names.getType() == ArrayType::VELTRA_STRING) {
-        Ref list = Ref::steal(convertToPython(names));
-        if (!list) return false;
-        if (!PyList_Check(list.get())) list = listOf(list.get());
-        for (Py_ssize_t i = 0; list && i < PyList_Size(list.get()); ++i) {
-            PyObject* s = PyList_GetItem(list.get(), i);
-            if (s == Py_None) return fail(PyExc_ValueError, "VELTRA table variable names must not be missing");
-            out.push_back(Ref::borrow(s));
-        }
-        return static_cast<bool>(list);
-    }
-    if (names.getType() != ArrayType::CELL) return fail(PyExc_ValueError, "VELTRA table variable names must be a cell of char arrays");
-    const Array* cells = foundation::veltradata::cellElements(names);
-    for (std::uint64_t i = 0; i < n; ++i) {
-        Ref s = nameText(cells[i]);
-        if (!s) return false;
-        out.push_back(std::move(s));
-    }
-    return true;
+    return fail(PyExc_ValueError, what + " must be char arrays");
 }
 
 // Counts that travel as doubles.
@@ -294,7 +270,7 @@ Ref rowTimesIndex(const Modules& m, const TableParts& p) {
     constexpr char kInvalid[] = "invalid 'RowTimes' index in timetable for conversion to pandas.DataFrame object";
     Ref name;
     if (p.dimNames && p.dimNames->getType() == ArrayType::CELL && !p.dimNames->isEmpty()) {
-        name = nameText(foundation::veltradata::cellElements(*p.dimNames)[0]);
+        name = nameText(foundation::veltradata::cellElements(*p.dimNames)[0], "VELTRA timetable dimension names");
         if (!name) return Ref();
     }
     if (!p.rowTimes || p.rowTimes->getType() != ArrayType::VALUE_OBJECT || classOf(*p.rowTimes) != "datetime")
@@ -315,6 +291,30 @@ Ref rowTimesIndex(const Modules& m, const TableParts& p) {
 
 }  // namespace
 
+bool namesOf(const Array& names, const std::string& what, std::vector<Ref>& out) {
+    const std::uint64_t n = names.getNumberOfElements();
+    if (names.getType() == ArrayType::VELTRA_STRING) {
+        Ref list = Ref::steal(convertToPython(names));
+        if (!list) return false;
+        if (!PyList_Check(list.get())) list = listOf(list.get());
+        for (Py_ssize_t i = 0; list && i < PyList_Size(list.get()); ++i) {
+            PyObject* s = PyList_GetItem(list.get(), i);
+            if (s == Py_None) return fail(PyExc_ValueError, what + " must not be missing");
+            out.push_back(Ref::borrow(s));
+        }
+        return static_cast<bool>(list);
+    }
+    if (names.getType() != ArrayType::CELL)
+        return fail(PyExc_ValueError, what + " must be a cell of char arrays or a string array");
+    const Array* cells = foundation::veltradata::cellElements(names);
+    for (std::uint64_t i = 0; i < n; ++i) {
+        Ref s = nameText(cells[i], what);
+        if (!s) return false;
+        out.push_back(std::move(s));
+    }
+    return true;
+}
+
 PyObject* tableToPython(const Array& a, bool timetable) {
     RecursionGuard guard(" while converting a VELTRA array to Python");
     if (!guard) return nullptr;
@@ -328,7 +328,7 @@ PyObject* tableToPython(const Array& a, bool timetable) {
     if (!m.load()) return nullptr;
 
     std::vector<Ref> names;
-    if (!namesOf(*p.names, names)) return nullptr;
+    if (!namesOf(*p.names, "VELTRA " + cls + " variable names", names)) return nullptr;
     const std::uint64_t n = p.data->getNumberOfElements();
     if (names.size() != n)
         return fail(PyExc_ValueError, "VELTRA " + cls + " has " + std::to_string(n) + " variables and " +
@@ -350,7 +350,7 @@ PyObject* tableToPython(const Array& a, bool timetable) {
         if (!index) return nullptr;
     } else if (p.rowNames && !p.rowNames->isEmpty()) {
         std::vector<Ref> rowNames;
-        if (!namesOf(*p.rowNames, rowNames)) return nullptr;
+        if (!namesOf(*p.rowNames, "VELTRA table row names", rowNames)) return nullptr;
         Ref list = Ref::steal(PyList_New(0));
         for (Ref& r : rowNames)
             if (!list || PyList_Append(list.get(), r.get()) < 0) return nullptr;
