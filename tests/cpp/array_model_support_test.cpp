@@ -33,6 +33,9 @@ TEST_P(ArrayModelUtf8, WellFormedTextRoundTrips) {
     const auto& c = GetParam();
     EXPECT_EQ(utf8ToUtf16(c.utf8), c.utf16);
     EXPECT_EQ(utf16ToUtf8(c.utf16), c.utf8);
+    std::u16string strict;
+    EXPECT_TRUE(utf8ToUtf16Strict(c.utf8.data(), c.utf8.size(), strict));
+    EXPECT_EQ(strict, c.utf16);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -56,6 +59,8 @@ class ArrayModelUtf8Malformed : public ::testing::TestWithParam<std::string> {};
 TEST_P(ArrayModelUtf8Malformed, BecomesReplacementCharacters) {
     const std::string bad = GetParam();
     const std::u16string out = utf8ToUtf16("<" + bad + ">");
+    std::u16string strict;
+    EXPECT_FALSE(utf8ToUtf16Strict(bad.data(), bad.size(), strict));  // the strict mode refuses it instead
     ASSERT_GE(out.size(), 3u);
     EXPECT_EQ(out.front(), u'<');
     EXPECT_EQ(out.back(), u'>');
