@@ -3,14 +3,13 @@
 #include <string>
 
 #include "convert/converter.h"
+#include "convert/py_helpers.h"
 #include "pyutil/error.h"
 
 namespace PythonVeltraDataArray::detail {
 
 pyutil::Ref importNumpy() {
-    pyutil::Ref numpy = pyutil::Ref::steal(PyImport_ImportModule("numpy"));
-    if (!numpy) pyutil::replaceError(PyExc_ImportError, "failed to import module 'numpy'");
-    return numpy;
+    return importModule("numpy");
 }
 
 bool numpySize(PyObject* array, std::uint64_t& size, std::uint64_t& itemsize) {

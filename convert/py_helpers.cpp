@@ -6,6 +6,12 @@
 
 namespace PythonVeltraDataArray::detail {
 
+pyutil::Ref importModule(const char* name) {
+    pyutil::Ref module = pyutil::Ref::steal(PyImport_ImportModule(name));
+    if (!module) pyutil::replaceError(PyExc_ImportError, std::string("failed to import module '") + name + "'");
+    return module;
+}
+
 pyutil::Ref getAttribute(PyObject* obj, const char* name) {
     pyutil::Ref value = pyutil::Ref::steal(PyObject_GetAttrString(obj, name));
     if (!value && (!PyErr_Occurred() || PyErr_ExceptionMatches(PyExc_AttributeError))) {

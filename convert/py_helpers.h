@@ -7,6 +7,9 @@
 
 namespace PythonVeltraDataArray::detail {
 
+// import name; ImportError "failed to import module '" + name + "'", with the import's own error as its cause.
+pyutil::Ref importModule(const char* name);
+
 // obj.name. A missing attribute becomes AttributeError "unable to retrieve attribute '" + name + "'"; any
 // other error raised while reading it (a failing property) is left standing: it says more than ours would.
 pyutil::Ref getAttribute(PyObject* obj, const char* name);

@@ -34,12 +34,8 @@ struct Modules {
     Ref pandas, numpy, dataFrame, rangeIndex, multiIndex, categoricalDtype, datetimeTZDtype, stringDtype, numpyDtype;
 
     bool load() {
-        pandas = Ref::steal(PyImport_ImportModule("pandas"));
-        if (!pandas) {
-            pyutil::replaceError(PyExc_ImportError, "failed to import module 'pandas'");
-            return false;
-        }
-        numpy = importNumpy();
+        pandas = importModule("pandas");
+        numpy = pandas ? importNumpy() : Ref();
         if (!numpy) return false;
         struct {
             Ref* slot;

@@ -11,6 +11,7 @@
 #include "convert/duration.h"
 #include "convert/module_state.h"
 #include "convert/numpy_time.h"
+#include "convert/py_helpers.h"
 #include "convert/recursion_guard.h"
 #include "convert/text.h"
 #include "pyutil/messages.h"
@@ -35,8 +36,7 @@ struct Modules {
     bool load() {
         numpy = importNumpy();
         if (!numpy) return false;
-        pandas = Ref::steal(PyImport_ImportModule("pandas"));
-        if (!pandas) pyutil::replaceError(PyExc_ImportError, "failed to import module 'pandas'");
+        pandas = importModule("pandas");
         return static_cast<bool>(pandas);
     }
 };
