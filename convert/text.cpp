@@ -26,13 +26,14 @@ PyObject* decodeUtf16(const std::u16string& text) { return decodeUtf16(text.data
 
 // Short ASCII text, the common case for names and messages, skips the UTF-16 codec: the same str comes out
 // of the UTF-8 decoder, which also hands back Python's cached one-character strings. False when the text is
-// longer or not ASCII: the caller then takes the codec.
+// longer or not ASCII: the caller then takes the codec. The units may lie unaligned (in a message).
 constexpr std::size_t kShortText = 64;
-bool narrowShortAscii(const char16_t* units, std::size_t n, char (&narrow)[kShortText]) {
+bool narrowShortAscii(const void* units, std::size_t n, char (&narrow)[kShortText]) {
     if (n > kShortText) return false;
+    const unsigned char* b = static_cast<const unsigned char*>(units);
     for (std::size_t i = 0; i < n; ++i) {
-        if (units[i] >= 0x80) return false;
-        narrow[i] = static_cast<char>(units[i]);
+        if (b[2 * i] >= 0x80 || b[2 * i + 1] != 0) return false;  // little-endian units
+        narrow[i] = static_cast<char>(b[2 * i]);
     }
     return true;
 }
@@ -71,19 +72,30 @@ std::optional<Utf16Bytes> encodeUtf16(PyObject* obj) {
 
 }  // namespace
 
-std::size_t appendUtf16(const std::uint32_t* cps, std::size_t n, std::u16string& out) {
-    out.reserve(out.size() + n);
-    for (std::size_t i = 0; i < n; ++i) {
+std::size_t writeUtf16(const std::uint32_t* cps, std::size_t n, char16_t* out, std::size_t& units) {
+    char16_t* p = out;
+    std::size_t i = 0;
+    for (; i < n; ++i) {
         const std::uint32_t c = cps[i];
-        if ((c >= 0xD800 && c <= 0xDFFF) || c > 0x10FFFF) return i;
+        if ((c >= 0xD800 && c <= 0xDFFF) || c > 0x10FFFF) break;
         if (c < 0x10000) {
-            out.push_back(static_cast<char16_t>(c));
+            *p++ = static_cast<char16_t>(c);
         } else {
-            out.push_back(static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10)));
-            out.push_back(static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF)));
+            *p++ = static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10));
+            *p++ = static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF));
         }
     }
-    return n;
+    units = static_cast<std::size_t>(p - out);
+    return i;
+}
+
+std::size_t appendUtf16(const std::uint32_t* cps, std::size_t n, std::u16string& out) {
+    const std::size_t at = out.size();
+    out.resize(at + 2 * n);
+    std::size_t units = 0;
+    const std::size_t taken = writeUtf16(cps, n, out.data() + at, units);
+    out.resize(at + units);
+    return taken;
 }
 
 std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj) {
@@ -120,14 +132,16 @@ std::optional<Array> PyStrToCharOrString::doConvert(PyObject* obj, const Convers
     return factory().createScalar(*text);
 }
 
+PyObject* utf16ToPyStr(const void* units, std::size_t n) {
+    char narrow[kShortText];
+    if (narrowShortAscii(units, n, narrow)) return PyUnicode_FromStringAndSize(narrow, static_cast<Py_ssize_t>(n));
+    return PyUnicode_DecodeUTF16(static_cast<const char*>(units), static_cast<Py_ssize_t>(2 * n), nullptr, nullptr);
+}
+
 PyObject* CharToPyStr::doConvert(const Array& a) {
     if (!isRowOrColumn(a)) return fail(PyExc_ValueError, kCharShape);
     const CharArray chars(a);
-    const char16_t* units = chars.data();
-    const std::size_t n = static_cast<std::size_t>(chars.getNumberOfElements());
-    char narrow[kShortText];
-    if (narrowShortAscii(units, n, narrow)) return PyUnicode_FromStringAndSize(narrow, static_cast<Py_ssize_t>(n));
-    return decodeUtf16(units, n);
+    return utf16ToPyStr(chars.data(), static_cast<std::size_t>(chars.getNumberOfElements()));
 }
 
 PyObject* VLStringToPyStr::doConvert(const Array& a) {

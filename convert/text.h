@@ -10,13 +10,20 @@
 
 namespace PythonVeltraDataArray::detail {
 
-// Appends code points as UTF-16 and returns how many it took: fewer than n at the first one UTF-16 cannot
-// carry (a surrogate, or beyond U+10FFFF), where it stops without setting an error.
+// Writes code points as UTF-16 at `out`, which has room for 2n units, and returns how many it took: fewer
+// than n at the first one UTF-16 cannot carry (a surrogate, or beyond U+10FFFF), where it stops without
+// setting an error. `units` is what it wrote.
+std::size_t writeUtf16(const std::uint32_t* cps, std::size_t n, char16_t* out, std::size_t& units);
+// The same, appended to a string.
 std::size_t appendUtf16(const std::uint32_t* cps, std::size_t n, std::u16string& out);
 
 // The UTF-16 code units of a str, without the byte-order mark; nothing, with the codec's error
 // pending, for text UTF-16 cannot carry (a lone surrogate).
 std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj);
+
+// n UTF-16 units (native order, possibly unaligned) -> str, strictly: the codec's error for an unpaired
+// surrogate. A leading byte-order mark is taken as one.
+PyObject* utf16ToPyStr(const void* units, std::size_t n);
 
 // str -> 1-by-N CHAR array, or a 1-by-1 VELTRA_STRING array when state.allowString and state.notNested are
 // both set. Absent with the codec's error pending for a lone surrogate.

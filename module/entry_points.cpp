@@ -11,6 +11,7 @@
 #include "convert/dispatch.h"
 #include "envelope/call_messages.h"
 #include "module/keywords.h"
+#include "module/plain_calls.h"
 #include "pyutil/buffer.h"
 #include "pyutil/error.h"
 #include "pyutil/messages.h"
@@ -41,6 +42,7 @@ constexpr std::size_t kHugePageWorthwhile = std::size_t{8} << 20;
 // alone would be a string scalar but is refused like every non-container argument, since the parameters
 // need a cell of arguments.
 PyObject* buildParams(PyObject* obj, std::int32_t nargout) {
+    if (const Shortcut plain = plainParams(obj, nargout); !plain.declined) return plain.value;
     std::optional<Array> args;
     {
         detail::CallBudget budget;  // what the conversion may still produce; see convert/budget.h
@@ -105,6 +107,12 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
 
         const KeywordOptions options = parseKeywords(kwargs, Direction::FromBytes);
         if (options.failed) return nullptr;
+
+        if (const Shortcut plain = plainResult(static_cast<const std::uint8_t*>(view->buf),
+                                               static_cast<std::size_t>(view->len));
+            !plain.declined) {
+            return plain.value;
+        }
 
         // A result that cannot be read is reported on standard error only, and the function returns null
         // with no Python exception set: that is how this function has always behaved, unlike the building

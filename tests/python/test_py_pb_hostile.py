@@ -147,7 +147,9 @@ def _endless():
 
 
 def _long_result():
-    return loopback(py_pb.py_to_serialized_str((np.arange(1_500_000).astype(str).tolist(),)))
+    # The array after the strings makes the whole result take the general path once the strings are read:
+    # the longest way a result of this size can take.
+    return loopback(py_pb.py_to_serialized_str((np.arange(1_500_000).astype(str).tolist(), np.ones((2, 2)))))
 
 
 @pytest.mark.parametrize("direction", ["to the engine", "from the engine"])

@@ -1,0 +1,340 @@
+#include "plain_values.h"
+
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+
+#include "serialization.h"
+#include "veltra_common.pb.h"
+#include "veltradata/veltradata.h"
+#include "wire_format.h"
+
+namespace foundation::protobuf::common {
+
+namespace vp = foundation::veltradata::protobuf;
+namespace wire = vp::wire;
+using foundation::veltradata::protobuf::VELTRA_Array;
+using wire::Reader;
+using wire::Span;
+using wire::WireType;
+
+namespace {
+
+constexpr int kNargout = VELTRA_Params::kNargoutFieldNumber;
+constexpr int kRhs = VELTRA_Params::kRhsFieldNumber;
+constexpr int kLhs = VELTRA_Result::kLhsFieldNumber;
+constexpr int kType = VELTRA_Array::kTypeFieldNumber;
+constexpr int kDims = VELTRA_Array::kDimsFieldNumber;
+constexpr int kData = VELTRA_Array::kDataFieldNumber;
+constexpr int kElements = VELTRA_Array::kElementsFieldNumber;
+constexpr int kFieldNames = VELTRA_Array::kFieldNamesFieldNumber;
+
+// The type field of a kind: all plain kinds are one-byte varints.
+constexpr std::size_t kTypeSize = 2;
+static_assert(static_cast<int>(ArrayType::STRUCT) < 0x80, "plain kinds are one-byte varints");
+
+// Packed dimensions [1, n].
+std::size_t rowDimsSize(std::uint64_t n) { return wire::lenFieldSize(kDims, 1 + wire::varintSize(n)); }
+std::uint8_t* writeHead(std::uint8_t* p, ArrayType t, std::uint64_t n) {
+    *p++ = static_cast<std::uint8_t>(wire::makeTag(kType, wire::kVarint));
+    *p++ = static_cast<std::uint8_t>(t);
+    p = wire::writeLenHeader(p, kDims, 1 + wire::varintSize(n));
+    *p++ = 1;
+    return wire::writeVarint(p, n);
+}
+
+}  // namespace
+
+// ---- Writing ----
+
+void PlainParams::clear() {
+    entries_.clear();
+    open_.clear();
+    units_.clear();
+    names_.clear();
+    args_ = size_ = 0;
+    nargout_ = 0;
+}
+
+std::uint64_t PlainParams::bitsOf(double v) {
+    std::uint64_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    return bits;
+}
+
+std::size_t PlainParams::bodySize(const Entry& e) {
+    switch (e.kind) {
+        case kDouble:
+        case kInt64: return kTypeSize + rowDimsSize(1) + wire::lenFieldSize(kData, 8);
+        case kLogical: return kTypeSize + rowDimsSize(1) + wire::lenFieldSize(kData, 1);
+        case kChar:
+        case kCharAt: return kTypeSize + rowDimsSize(e.a) + (e.a ? wire::lenFieldSize(kData, 2 * e.a) : 0);
+        default: return static_cast<std::size_t>(e.b);
+    }
+}
+
+void PlainParams::added(std::size_t body) {
+    if (open_.empty()) args_ += wire::lenFieldSize(kRhs, body);
+    else open_.back().body += wire::lenFieldSize(kElements, body);
+}
+
+void PlainParams::addScalar(Kind kind, std::uint64_t bits) {
+    entries_.push_back({bits, 0, kind});
+    added(bodySize(entries_.back()));
+}
+
+char16_t* PlainParams::addChar(std::size_t n) {
+    const std::size_t at = units_.size();
+    units_.resize(at + n);
+    entries_.push_back({n, at, kChar});
+    added(bodySize(entries_.back()));
+    return units_.data() + at;
+}
+
+void PlainParams::addCharAt(const char16_t* units, std::size_t n) {
+    entries_.push_back({n, reinterpret_cast<std::uintptr_t>(units), kCharAt});
+    added(bodySize(entries_.back()));
+}
+
+void PlainParams::beginCell(std::uint64_t n) {
+    entries_.push_back({n, 0, kCell});
+    open_.push_back({entries_.size() - 1, kTypeSize + rowDimsSize(n)});
+}
+
+void PlainParams::beginStruct() {
+    entries_.push_back({0, 0, kStruct});
+    open_.push_back({entries_.size() - 1, kTypeSize + rowDimsSize(1)});
+}
+
+void PlainParams::fieldName(const char* name, std::size_t n) {
+    Open& s = open_.back();
+    ++entries_[s.entry].a;
+    s.body += wire::lenFieldSize(kFieldNames, n);
+    entries_.push_back({n, names_.size(), kName});
+    names_.insert(names_.end(), name, name + n);
+}
+
+void PlainParams::end() {
+    const Open closed = open_.back();
+    open_.pop_back();
+    entries_[closed.entry].b = closed.body;
+    added(closed.body);
+}
+
+std::size_t PlainParams::finish(std::int32_t nargout) {
+    if (!open_.empty()) throw std::logic_error("plain parameters finished with a container still open");
+    nargout_ = nargout;
+    size_ = (nargout ? wire::tagSize(kNargout) + wire::varintSize(wire::int32Bits(nargout)) : 0) + args_;
+    return size_;
+}
+
+void PlainParams::writeTo(std::uint8_t* out) const {
+    std::uint8_t* p = out;
+    if (nargout_) {
+        p = wire::writeTag(p, kNargout, wire::kVarint);
+        p = wire::writeVarint(p, wire::int32Bits(nargout_));
+    }
+    // The containers open around the entry being written: elements still to come, and where their field
+    // names start in `names` (a struct writes its names after all of its values).
+    struct Writing {
+        std::uint64_t left;
+        std::size_t names;
+        bool isStruct;
+    };
+    std::vector<Writing> open;
+    std::vector<const Entry*> names;
+    auto finished = [&] {  // one value done: close every container it completes
+        while (!open.empty() && --open.back().left == 0) {
+            const Writing& w = open.back();
+            if (w.isStruct) {
+                for (std::size_t k = w.names; k < names.size(); ++k)
+                    p = wire::writeBytes(p, kFieldNames, names_.data() + names[k]->b, names[k]->a);
+                names.resize(w.names);
+            }
+            open.pop_back();
+        }
+    };
+    for (const Entry& e : entries_) {
+        if (e.kind == kName) {
+            names.push_back(&e);
+            continue;
+        }
+        p = wire::writeLenHeader(p, open.empty() ? kRhs : kElements, bodySize(e));
+        switch (e.kind) {
+            case kDouble:
+            case kInt64:
+            case kLogical: {
+                const ArrayType t = e.kind == kDouble ? ArrayType::DOUBLE
+                                  : e.kind == kInt64  ? ArrayType::INT64
+                                                      : ArrayType::LOGICAL;
+                p = writeHead(p, t, 1);
+                const std::size_t bytes = e.kind == kLogical ? 1 : 8;
+                p = wire::writeLenHeader(p, kData, bytes);
+                std::memcpy(p, &e.a, bytes);  // little-endian: the low bytes first
+                p += bytes;
+                finished();
+                break;
+            }
+            case kChar:
+            case kCharAt: {
+                p = writeHead(p, ArrayType::CHAR, e.a);
+                if (e.a) {
+                    const char16_t* units = e.kind == kChar ? units_.data() + e.b
+                                                            : reinterpret_cast<const char16_t*>(e.b);
+                    p = wire::writeBytes(p, kData, units, 2 * e.a);
+                }
+                finished();
+                break;
+            }
+            case kCell:
+            case kStruct: {
+                const bool isStruct = e.kind == kStruct;
+                p = writeHead(p, isStruct ? ArrayType::STRUCT : ArrayType::CELL, isStruct ? 1 : e.a);
+                open.push_back({e.a + 1, names.size(), isStruct});  // + 1: finished() below counts the container itself
+                finished();
+                break;
+            }
+            case kName: break;
+        }
+    }
+    if (p != out + size_) throw std::logic_error("plain parameters were written with another size than measured");
+}
+
+// ---- Reading ----
+
+namespace {
+
+bool validName(const std::uint8_t* s, std::size_t n) {
+    return foundation::veltradata::isValidFieldName(std::string(reinterpret_cast<const char*>(s), n));
+}
+
+// Consecutive length-delimited occurrences of `field`, as many as there are; false when something else that
+// is not the end comes first, or a length runs past the end.
+bool countRun(Reader& r, int field, std::uint64_t& n, bool checkNames = false) {
+    n = 0;
+    while (!r.done()) {
+        Reader peek = r;
+        int f;
+        WireType wt;
+        if (!peek.tag(f, wt)) return false;
+        if (f != field || wt != wire::kLen) return true;
+        Span s;
+        if (!peek.len(s)) return false;
+        if (checkNames && !validName(s.data, s.size)) return false;
+        r = peek;
+        ++n;
+    }
+    return true;
+}
+
+}  // namespace
+
+PlainArray readPlain(const std::uint8_t* data, std::size_t size) {
+    constexpr std::size_t kMaxDims = 8;
+    PlainArray out;
+    Reader r(data, size);
+    int field;
+    WireType wt;
+    std::uint64_t type;
+    if (!r.tag(field, wt) || field != kType || wt != wire::kVarint || !r.varint(type)) return out;
+    if (type > static_cast<std::uint64_t>(foundation::veltradata::kMaxArrayType)) return out;
+    const ArrayType t = static_cast<ArrayType>(type);
+    const bool raw = foundation::veltradata::isRawBufferType(t);
+    if (!raw && t != ArrayType::CELL && t != ArrayType::STRUCT) return out;
+
+    Span packed;
+    if (!r.tag(field, wt) || field != kDims || wt != wire::kLen || !r.len(packed)) return out;
+    std::uint64_t dims[kMaxDims];
+    std::size_t nd = 0;
+    bool empty = false;
+    for (Reader d(packed); !d.done(); ++nd) {
+        if (nd == kMaxDims || !d.varint(dims[nd])) return out;
+        empty = empty || dims[nd] == 0;
+    }
+    if (nd < 2) return out;
+    const bool rowOrColumn = nd == 2 && !(dims[0] >= 2 && dims[1] > 1);
+
+    if (empty) {
+        if (!r.done()) return out;  // no payload, no elements, no field names
+        out.kind = PlainKind::Empty;
+        out.type = t;
+        out.rowOrColumn = rowOrColumn;
+        return out;
+    }
+    if (!rowOrColumn) return out;
+    const std::uint64_t n = dims[0] * dims[1];  // one of them is 1
+    out.type = t;
+
+    if (raw) {
+        if (foundation::veltradata::isComplexType(t)) return out;
+        const bool text = t == ArrayType::CHAR;
+        if (!text && n != 1) return out;
+        Span payload;
+        if (!r.tag(field, wt) || field != kData || wt != wire::kLen || !r.len(payload) || !r.done()) return out;
+        if (payload.size / foundation::veltradata::elementSize(t) != n ||
+            payload.size % foundation::veltradata::elementSize(t))
+            return out;
+        out.data = payload.data;
+        out.count = n;
+        out.kind = text ? PlainKind::Char : t == ArrayType::LOGICAL ? PlainKind::Logical : PlainKind::Number;
+        return out;
+    }
+
+    // A cell's n elements, or a struct's values and then as many field names; nothing else.
+    const std::uint8_t* first = data + (size - r.remaining());
+    std::uint64_t values = 0, names = 0;
+    if (!countRun(r, kElements, values)) return out;
+    const std::uint8_t* firstName = data + (size - r.remaining());
+    if (t == ArrayType::STRUCT) {
+        if (n != 1 || !countRun(r, kFieldNames, names, true) || names != values) return out;
+    } else if (values != n) {
+        return out;
+    }
+    if (!r.done()) return out;
+    out.kind = t == ArrayType::CELL ? PlainKind::Cell : PlainKind::Struct;
+    out.count = values;
+    out.nextElement = first;
+    out.nextName = firstName;
+    return out;
+}
+
+namespace {
+// A field readPlain has checked: its tag, length and body.
+Span checkedField(const std::uint8_t*& p) {
+    Reader r(p, std::numeric_limits<std::size_t>::max() >> 1);
+    int field;
+    WireType wt;
+    Span s;
+    r.tag(field, wt);
+    r.len(s);
+    p = s.data + s.size;
+    return s;
+}
+}  // namespace
+
+void nextElement(PlainArray& parent, const std::uint8_t*& data, std::size_t& size) {
+    const Span s = checkedField(parent.nextElement);
+    data = s.data;
+    size = s.size;
+}
+
+void nextFieldName(PlainArray& parent, const char*& name, std::size_t& size) {
+    const Span s = checkedField(parent.nextName);
+    name = reinterpret_cast<const char*>(s.data);
+    size = s.size;
+}
+
+bool plainOutputs(const std::uint8_t* data, std::size_t size, std::vector<PlainOutput>& out) {
+    out.clear();
+    Reader r(data, size);
+    while (!r.done()) {
+        int field;
+        WireType wt;
+        Span s;
+        if (!r.tag(field, wt) || field != kLhs || wt != wire::kLen || !r.len(s)) return false;
+        out.push_back({s.data, s.size});
+    }
+    return true;
+}
+
+}  // namespace foundation::protobuf::common
