@@ -630,6 +630,20 @@ def TestOneInput(data):
             raise support.Unexpected(f"{len(args)} arguments, {short(back)} read back")
         for i, (s, g) in enumerate(zip(args, back)):
             check_same(s, g, f"argument {i}")
+        # One more argument that no shortcut takes sends the whole call the general way: the arguments before it
+        # must be written byte for byte as before.
+        if not (gen.mutated or gen.impostors or gen.one_way):
+            try:
+                general = py_pb.py_to_serialized_str(args + (GENERAL,), **kwargs)
+            except ALLOWED:
+                return
+            tail = py_pb.py_to_serialized_str((GENERAL,), **kwargs)
+            head = len(py_pb.py_to_serialized_str((), **kwargs))
+            if general != out + tail[head:]:
+                raise support.Unexpected(f"the general path wrote other bytes for {short(args)}")
+
+
+GENERAL = np.ones((2, 2))
 
 
 if __name__ == "__main__":

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "convert/budget.h"
@@ -101,17 +102,25 @@ private:
         } else if (t == &PyList_Type || t == &PyTuple_Type) {
             const Ref hold = Ref::borrow(o);  // a signal handler may drop it from its container meanwhile
             Level level;
-            if (!level) return Step::Decline;
+            if (!level || metAgain(o)) return Step::Decline;
             return items(o, t == &PyList_Type, false);
         } else if (t == &PyDict_Type) {
             const Ref hold = Ref::borrow(o);
             Level level;
-            if (!level) return Step::Decline;
+            if (!level || metAgain(o)) return Step::Decline;
             return fields(o);
         } else {
             return Step::Decline;
         }
         return Step::Ok;
+    }
+
+    // A container met a second time (a shared sub-list, or a cycle) is the general path's: it converts each
+    // once however often it occurs, where this walk would go through it every time. Below three references
+    // (its parent's slot and our hold) a container cannot occur twice; empty ones cost nothing either way.
+    bool metAgain(PyObject* container) {
+        if (Py_REFCNT(container) < 3 || PyObject_Length(container) == 0) return false;
+        return !seen_.insert(container).second;
     }
 
     // The items of a list or tuple: a 1-by-N cell, or at the top the arguments themselves.
@@ -212,6 +221,7 @@ private:
     std::uint64_t values_ = 0;
     std::size_t bytes_ = 0;
     std::vector<Ref> held_;
+    std::unordered_set<PyObject*> seen_;
 };
 
 // ---- result -> Python ----

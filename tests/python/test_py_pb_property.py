@@ -7,7 +7,13 @@ import numpy as np
 from hypothesis import HealthCheck, given, settings, strategies as st
 
 import veltramultidimarrayforpython as vpkg
+import py_pb
+import py_pb_peer as peer
+import pytest
+from conftest import (COMPLEX_DOUBLE, DOUBLE, INT8, INT16, INT32, LOGICAL, SINGLE, UINT8, UINT16, UINT32,
+                      UINT64)
 from py_pb_peer import roundtrip
+from veltra.loopback import loopback
 
 PACKAGE_TYPES = {np.dtype(np.float64): vpkg.double, np.dtype(np.int32): vpkg.int32, np.dtype(np.uint8): vpkg.uint8,
                  np.dtype(np.bool_): vpkg.logical}
@@ -102,3 +108,63 @@ def test_random_values_come_back_as_the_dispatch_rules_say(args):
     back = roundtrip(*args)
     want = [expected(v, True) for v in args]
     assert same(observed(back), want), (back, want)
+
+
+# Plain values (numbers, bools, text, and lists, tuples and dicts of them) take a shortcut in both directions
+# that builds no arrays. A 2-by-2 array anywhere sends the whole call (and its result) down the general path, so
+# the same values with one more argument show what the general path makes of them.
+GENERAL = np.ones((2, 2))
+long_text = st.text(st.characters(blacklist_categories=("Cs",)), min_size=257, max_size=300)  # past the stack buffer
+plain = st.recursive(
+    st.one_of(st.floats(allow_nan=False), st.integers(-2**63, 2**63 - 1), st.booleans(), text, long_text),
+    lambda inner: st.one_of(st.lists(inner, max_size=4), st.lists(inner, max_size=4).map(tuple),
+                            st.dictionaries(names, inner, max_size=4)),
+    max_leaves=12,
+)
+
+
+@settings(max_examples=200, deadline=None, suppress_health_check=[HealthCheck.too_slow])
+@given(st.lists(plain, max_size=3), st.integers(0, 300))
+def test_plain_values_cross_as_the_general_path_would_take_them(args, nargout):
+    fast = py_pb.py_to_serialized_str(tuple(args), nargout=nargout)
+    general = py_pb.py_to_serialized_str((*args, GENERAL), nargout=nargout)
+    prefix = len(py_pb.py_to_serialized_str((), nargout=nargout))  # nargout, before the arguments
+    assert general == fast + py_pb.py_to_serialized_str((GENERAL,), nargout=nargout)[prefix:]
+
+    back = py_pb.serialized_str_to_py(loopback(fast))
+    back_general = py_pb.serialized_str_to_py(loopback(general))
+    assert same(back, back_general[:-1]) and np.asarray(back_general[-1]).tolist() == GENERAL.tolist()
+
+
+def _read(*outputs):
+    try:
+        return py_pb.serialized_str_to_py(peer.result(*outputs))
+    except Exception as e:  # compared by type and text
+        return type(e), str(e)
+
+
+GENERAL_OUT = peer.numeric(DOUBLE, [1.0, 2.0, 3.0, 4.0], (2, 2))
+PEER_PLAIN = {
+    "column cell and char": peer.cell([peer.char("ab", (2, 1)), peer.numeric(INT8, [-3], (1, 1))], (2, 1)),
+    "every real kind": peer.cell([peer.numeric(k, [7], (1, 1)) for k in (SINGLE, UINT8, INT16, UINT16, INT32,
+                                                                         UINT32, UINT64)]),
+    "logical byte 2": peer.numeric(UINT8, [2], (1, 1)).__class__(type=LOGICAL, dims=[1, 1], data=b"\x02"),
+    "empty fields": peer.struct(["c", "s", "e", "d"], [[peer.char("", (0, 0)), peer.cell([], (0, 0)),
+                                                         peer.struct([], [[]]), peer.numeric(DOUBLE, [], (0, 0))]]),
+    "empty struct field": peer.struct(["s"], [[peer.struct([], [], (0, 0))]]),
+    "a name twice": peer.struct(["a", "a"], [[peer.numeric(DOUBLE, [1]), peer.numeric(DOUBLE, [2])]]),
+    "a name that is no identifier": peer.struct(["1a"], [[peer.numeric(DOUBLE, [1])]]),
+    "complex scalar": peer.numeric(COMPLEX_DOUBLE, [1 + 2j], (1, 1)),
+    "three dimensions": peer.numeric(DOUBLE, [1.0], (1, 1, 1)),
+    "unpaired surrogate": peer.char("a\ud800"),
+    "2-by-2 char in a struct": peer.struct(["t"], [[peer.char("abcd", (2, 2))]]),
+}
+
+
+@pytest.mark.parametrize("case", PEER_PLAIN)
+def test_results_the_shortcut_reads_or_declines_read_as_the_general_path_reads_them(case):
+    fast, general = _read(PEER_PLAIN[case]), _read(PEER_PLAIN[case], GENERAL_OUT)
+    if isinstance(fast, tuple):
+        assert fast == general
+    else:
+        assert same(observed(fast), observed(general[:-1]))
