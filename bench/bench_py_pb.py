@@ -160,6 +160,7 @@ def big_arrays(report, repeat):
 PEAK_CHILD = textwrap.dedent(
     """
     import sys
+    import time
     import numpy as np
     import py_pb
     from veltra.loopback import loopback
@@ -180,25 +181,32 @@ PEAK_CHILD = textwrap.dedent(
             return False
 
     def make(case, rows, cols):
+        """The conversion to measure, and the array whose copy is the yardstick (None: what it returns)."""
         n = rows * cols
         if case == "params-F":
             value = np.arange(n, dtype=np.float64).reshape((rows, cols), order="F")
-            return lambda: py_pb.py_to_serialized_str((value,))
+            return (lambda: py_pb.py_to_serialized_str((value,))), value
         if case == "params-C":
             value = np.arange(n, dtype=np.float64).reshape((rows, cols))
-            return lambda: py_pb.py_to_serialized_str((value,))
+            return (lambda: py_pb.py_to_serialized_str((value,))), value
         value = loopback(py_pb.py_to_serialized_str((np.arange(n, dtype=np.float64).reshape((rows, cols)),)))
-        return lambda: np.asarray(py_pb.serialized_str_to_py(value)[0])
+        return (lambda: np.asarray(py_pb.serialized_str_to_py(value)[0])), None
 
     case, rows, cols = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
     # A tiny run of the same path first, so that one-time set-up (registries, imports, caches) is not counted.
-    make(case, 2, 3)()
-    run = make(case, rows, cols)
+    make(case, 2, 3)[0]()
+    run, source = make(case, rows, cols)
     ok = reset_hwm()
     before = hwm_kib()
+    start = time.perf_counter()
     keep = run()
+    seconds = time.perf_counter() - start
     after = hwm_kib()
-    print(after - before, int(ok))
+    # The yardstick, after the peak was read: numpy's copy of the array into fresh memory.
+    source = keep if source is None else source
+    start = time.perf_counter()
+    source.copy(order="K")
+    print(after - before, int(ok), seconds, time.perf_counter() - start)
     """
 )
 
@@ -215,13 +223,26 @@ def peak_memory(report):
                        ("result", "result bytes -> veltra.double -> numpy")]:
         out = subprocess.run([sys.executable, "-c", PEAK_CHILD, case, str(BIG_SHAPE[0]), str(BIG_SHAPE[1])],
                              capture_output=True, text=True, check=True)
-        grown, reset_ok = map(int, out.stdout.split())
+        grown, reset_ok = map(int, out.stdout.split()[:2])
         note = "" if reset_ok else " (could not reset the peak: figure may be low)"
         r = grown / payload_kib
         verdict = "ok" if r <= PEAK_TARGET else "MISSED"
         report.rows.append((f"peak {case}", grown, payload_kib, "payload", r, PEAK_TARGET, verdict))
         print(f"  {what:46} {grown / 1024:8.1f} MiB above the input = {r:4.2f}x payload  <= {PEAK_TARGET:g}x"
               f"  {verdict}{note}", flush=True)
+
+    # Reported without a target: 1 GiB, once each, in a fresh process.
+    rows, cols = 16384, 8192
+    print(f"  1 GiB float64 ({rows} x {cols}), once, time against a.copy() in the same process:")
+    for case, what in [("params-F", "F-ordered array -> params bytes"),
+                       ("params-C", "C-ordered array -> params bytes"),
+                       ("result", "result bytes -> veltra.double -> numpy")]:
+        out = subprocess.run([sys.executable, "-c", PEAK_CHILD, case, str(rows), str(cols)],
+                             capture_output=True, text=True, check=True)
+        fields = out.stdout.split()
+        grown, seconds, copy = int(fields[0]), float(fields[2]), float(fields[3])
+        print(f"    {what:44} {grown / 1024:8.1f} MiB above the input = {grown / (1 << 20):4.2f}x payload,"
+              f" {seconds * 1e3:7.1f} ms = {seconds / copy:4.2f}x a.copy() ({copy * 1e3:.1f} ms)", flush=True)
 
 
 def many_elements(report, repeat):
