@@ -181,7 +181,7 @@ PEAK_CHILD = textwrap.dedent(
             return False
 
     def make(case, rows, cols):
-        """The conversion to measure, and the array whose copy is the yardstick (None: what it returns)."""
+        # The conversion to measure, and the array whose copy is the yardstick (None: what it returns).
         n = rows * cols
         if case == "params-F":
             value = np.arange(n, dtype=np.float64).reshape((rows, cols), order="F")
