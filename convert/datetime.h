@@ -5,7 +5,10 @@
 //    written for numpy datetime64 scalars and arrays and read back as numpy datetime64 values.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <string>
+#include <string_view>
 
 #include "convert/converter.h"
 
@@ -44,5 +47,11 @@ VELTRA_TO_PYTHON_CONVERTER(DoubleToPySecondsAndMicroseconds);
 // of its shape otherwise. Other element counts: a datetime64[ns] array of the engine's shape (datetime64[us]
 // when a date lies outside what nanoseconds can count), NaT for missing texts.
 PyObject* datetimeToPython(const Array& a);
+
+// The engine's datetime array of n elements (any shape but 1-by-1) as datetime64[ns], from each element's
+// DateString: `textAt(i, text)` sets element i's text (empty for a missing one), or returns false with an
+// error set.
+PyObject* datetimeArrayFromTexts(std::uint64_t n, const foundation::veltradata::Dims& dims,
+                                 const std::function<bool(std::uint64_t, std::u16string_view&)>& textAt);
 
 }  // namespace PythonVeltraDataArray::detail

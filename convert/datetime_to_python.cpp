@@ -1,3 +1,4 @@
+#include <functional>
 #include <algorithm>
 #include <cmath>
 #include <regex>
@@ -323,13 +324,18 @@ PyObject* timeZoneForPandas(const Array& a) {
     return datetimeModule ? makeTzinfo(zone, datetimeModule.get()).release() : nullptr;
 }
 
+PyObject* datetimeArrayFromTexts(std::uint64_t n, const foundation::veltradata::Dims& dims,
+                                 const std::function<bool(std::uint64_t, std::u16string_view&)>& textAt) {
+    return datetimeArray(n, dims, TimeUnit::Nano, textAt);
+}
+
 PyObject* datetimeToPython(const Array& a) {
     if (a.getType() != ArrayType::VALUE_OBJECT) return nullptr;
     const ReadIds& id = ids();
     const ValueObject* objects = foundation::veltradata::valueObjects(a);
     const std::uint64_t n = a.getNumberOfElements();
     if (n != 1) {
-        return datetimeArray(n, a.getDimensions(), TimeUnit::Nano, [&](std::uint64_t i, std::u16string_view& text) {
+        return datetimeArrayFromTexts(n, a.getDimensions(), [&](std::uint64_t i, std::u16string_view& text) {
             if (!objects[i].hasProperty(id.dateString))
                 return static_cast<bool>(fail(PyExc_ValueError, "unable to find property 'DateString' in 'datetime' object"));
             return dateStringOf(objects[i][id.dateString], 0, text);

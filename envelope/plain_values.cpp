@@ -1,5 +1,6 @@
 #include "plain_values.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <stdexcept>
@@ -28,6 +29,15 @@ constexpr int kDims = VELTRA_Array::kDimsFieldNumber;
 constexpr int kData = VELTRA_Array::kDataFieldNumber;
 constexpr int kElements = VELTRA_Array::kElementsFieldNumber;
 constexpr int kFieldNames = VELTRA_Array::kFieldNamesFieldNumber;
+constexpr int kStringUnits = VELTRA_Array::kStringUnitsFieldNumber;
+constexpr int kStringLengths = VELTRA_Array::kStringLengthsFieldNumber;
+constexpr int kClassName = VELTRA_Array::kClassNameFieldNumber;
+constexpr int kFirstProps = VELTRA_Array::kFirstPropertiesFieldNumber;
+constexpr int kSecondProps = VELTRA_Array::kSecondPropertiesFieldNumber;
+constexpr int kObjects = VELTRA_Array::kObjectsFieldNumber;
+constexpr int kObjProps = foundation::veltradata::protobuf::VELTRA_ValueObject::kPropertiesFieldNumber;
+constexpr int kPropName = foundation::veltradata::protobuf::VELTRA_Property::kNameFieldNumber;
+constexpr int kPropValue = foundation::veltradata::protobuf::VELTRA_Property::kValueFieldNumber;
 
 // The type field of a kind: all plain kinds are one-byte varints.
 constexpr std::size_t kTypeSize = 2;
@@ -227,6 +237,70 @@ bool countRun(Reader& r, int field, std::uint64_t& n, bool checkNames = false) {
     return true;
 }
 
+// One length-delimited field, `field`; false for anything else.
+bool lenField(Reader& r, int field, Span& out) {
+    int f;
+    WireType wt;
+    return r.tag(f, wt) && f == field && wt == wire::kLen && r.len(out);
+}
+
+// A 1-by-1 string array body, as every writer lays it out: its text, or none for a missing string.
+bool stringScalar(Span body, PlainText& out) {
+    Reader r(body);
+    int field;
+    WireType wt;
+    std::uint64_t v;
+    Span dims, units{nullptr, 0}, lengths;
+    if (!r.tag(field, wt) || field != kType || wt != wire::kVarint || !r.varint(v) ||
+        v != static_cast<std::uint64_t>(ArrayType::VELTRA_STRING))
+        return false;
+    if (!lenField(r, kDims, dims) || dims.size != 2 || dims.data[0] != 1 || dims.data[1] != 1) return false;
+    Reader peek = r;
+    if (lenField(peek, kStringUnits, units)) r = peek;
+    if (!lenField(r, kStringLengths, lengths) || !r.done()) return false;
+    Reader l(lengths);
+    if (!l.varint(v) || !l.done()) return false;
+    const std::int64_t n = wire::unzigzag(v);
+    if (n == -1 ? units.size != 0 : n < 0 || units.size != 2 * static_cast<std::uint64_t>(n)) return false;
+    out = PlainText{units.size ? units.data : nullptr, units.size / 2};
+    return true;
+}
+
+// The objects of an engine datetime array from `r` on: each exactly one property, DateString, holding a
+// 1-by-1 string. Their texts go to `out` when it is given.
+bool dateStringObjects(Reader& r, std::uint64_t n, std::vector<PlainText>* out) {
+    static constexpr char kDateString[] = "DateString";
+    for (std::uint64_t i = 0; i < n; ++i) {
+        Span object, property, name, value;
+        if (!lenField(r, kObjects, object)) return false;
+        Reader o(object);
+        if (!lenField(o, kObjProps, property) || !o.done()) return false;
+        Reader p(property);
+        if (!lenField(p, kPropName, name) || name.size != sizeof kDateString - 1 ||
+            std::memcmp(name.data, kDateString, name.size) != 0 || !lenField(p, kPropValue, value) || !p.done())
+            return false;
+        PlainText text;
+        if (!stringScalar(value, text)) return false;
+        if (out) out->push_back(text);
+    }
+    return r.done();
+}
+
+// From the class name of a value-object array on: "datetime", declared property names (valid UTF-8), then
+// the objects of dateStringObjects.
+bool datetimeArrayRest(Reader& r, std::uint64_t n, std::vector<PlainText>* out) {
+    static constexpr char kDatetime[] = "datetime";
+    Span name;
+    if (!lenField(r, kClassName, name) || name.size != sizeof kDatetime - 1 ||
+        std::memcmp(name.data, kDatetime, name.size) != 0)
+        return false;
+    for (int field : {kFirstProps, kSecondProps}) {
+        for (Reader peek = r; lenField(peek, field, name); r = peek)
+            if (!wire::validUtf8(name.data, name.size)) return false;
+    }
+    return dateStringObjects(r, n, out);
+}
+
 }  // namespace
 
 PlainArray readPlain(const std::uint8_t* data, std::size_t size) {
@@ -240,7 +314,8 @@ PlainArray readPlain(const std::uint8_t* data, std::size_t size) {
     if (type > static_cast<std::uint64_t>(foundation::veltradata::kMaxArrayType)) return out;
     const ArrayType t = static_cast<ArrayType>(type);
     const bool raw = foundation::veltradata::isRawBufferType(t);
-    if (!raw && t != ArrayType::CELL && t != ArrayType::STRUCT) return out;
+    const bool objects = t == ArrayType::VALUE_OBJECT;
+    if (!raw && !objects && t != ArrayType::CELL && t != ArrayType::STRUCT) return out;
 
     Span packed;
     if (!r.tag(field, wt) || field != kDims || wt != wire::kLen || !r.len(packed)) return out;
@@ -252,6 +327,22 @@ PlainArray readPlain(const std::uint8_t* data, std::size_t size) {
         empty = empty || dims[nd] == 0;
     }
     if (nd < 2) return out;
+    if (objects) {
+        // Any shape of two or more elements: each must have its object.
+        std::uint64_t n = 1;
+        for (std::size_t k = 0; k < nd; ++k) {
+            if (dims[k] == 0 || n > size / dims[k]) return out;  // no more elements than bytes
+            n *= dims[k];
+        }
+        out.nextElement = data + (size - r.remaining());
+        if (n < 2 || !datetimeArrayRest(r, n, nullptr)) return out;
+        out.kind = PlainKind::DateTexts;
+        out.type = t;
+        out.count = n;
+        std::copy(dims, dims + nd, out.dims);
+        out.ndims = nd;
+        return out;
+    }
     const bool rowOrColumn = nd == 2 && !(dims[0] >= 2 && dims[1] > 1);
 
     if (empty) {
@@ -322,6 +413,13 @@ void nextFieldName(PlainArray& parent, const char*& name, std::size_t& size) {
     const Span s = checkedField(parent.nextName);
     name = reinterpret_cast<const char*>(s.data);
     size = s.size;
+}
+
+void dateTexts(const PlainArray& a, const std::uint8_t* end, std::vector<PlainText>& out) {
+    out.clear();
+    out.reserve(static_cast<std::size_t>(a.count));
+    Reader r(a.nextElement, static_cast<std::size_t>(end - a.nextElement));
+    datetimeArrayRest(r, a.count, &out);
 }
 
 bool plainOutputs(const std::uint8_t* data, std::size_t size, std::vector<PlainOutput>& out) {

@@ -88,6 +88,9 @@ enum class PlainKind : std::uint8_t {
     Char,      // a 1-by-N or N-by-1 char array: `count` UTF-16 units at `data` (not aligned)
     Cell,      // a 1-by-N or N-by-1 cell, N >= 1: `count` elements, read with nextElement
     Struct,    // a 1-by-1 struct: `count` fields, read with nextElement and nextFieldName in turn
+    // The engine's datetime array: a value-object array of the class "datetime" whose `count` >= 2 objects
+    // each hold nothing but a 1-by-1 string DateString; `dims` and `ndims` are its shape. Read with dateTexts.
+    DateTexts,
 };
 
 struct PlainArray {
@@ -101,6 +104,8 @@ struct PlainArray {
     // Cell, struct: where the next element and the next field name start; both checked already.
     const std::uint8_t* nextElement = nullptr;
     const std::uint8_t* nextName = nullptr;
+    std::uint64_t dims[8] = {};
+    std::size_t ndims = 0;
 };
 
 // One VELTRA_Array message body.
@@ -109,6 +114,14 @@ PlainArray readPlain(const std::uint8_t* data, std::size_t size);
 void nextElement(PlainArray& parent, const std::uint8_t*& data, std::size_t& size);
 // The next field name of a struct (a valid field name, ASCII): call exactly `count` times.
 void nextFieldName(PlainArray& parent, const char*& name, std::size_t& size);
+
+// One DateString: `units` UTF-16 units at `data` (not aligned); none for a missing string.
+struct PlainText {
+    const std::uint8_t* data = nullptr;
+    std::size_t units = 0;
+};
+// The texts of `a`, a DateTexts array read by readPlain from the body that ends at `end`, in element order.
+void dateTexts(const PlainArray& a, const std::uint8_t* end, std::vector<PlainText>& out);
 
 // The output fields of a VELTRA_Result that holds outputs and nothing else, in the canonical layout; false
 // for anything else (an error, unknown fields, bytes cut short), which the general reader then takes.

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "convert/budget.h"
+#include "convert/datetime.h"
 #include "convert/recursion_guard.h"
 #include "convert/numeric_kinds.h"
 #include "convert/text.h"
@@ -265,6 +266,7 @@ public:
                 return decline();
             case PlainKind::Cell: return list(a, depth);
             case PlainKind::Struct: return dict(a, depth);
+            case PlainKind::DateTexts: return dates(a, data + size);
             case PlainKind::NotPlain: break;
         }
         return decline();
@@ -322,8 +324,30 @@ private:
         return out.release();
     }
 
+    // Each text is copied out (message bytes need not be aligned) and read where the general path reads it.
+    PyObject* dates(const PlainArray& a, const std::uint8_t* end) {
+        common::dateTexts(a, end, texts_);
+        std::u16string text;
+        const foundation::veltradata::Dims dims(a.dims, a.dims + a.ndims);
+        PyObject* values = detail::datetimeArrayFromTexts(a.count, dims, [&](std::uint64_t i, std::u16string_view& out) {
+            const common::PlainText& t = texts_[static_cast<std::size_t>(i)];
+            text.resize(t.units);
+            if (t.units) std::memcpy(text.data(), t.data, 2 * t.units);
+            out = text;
+            return true;
+        });
+        // A text that is no date: the general path raises it, unless a later output cannot be read at all,
+        // which it reports instead. What a signal handler raised stands.
+        if (!values && PyErr_ExceptionMatches(PyExc_Exception)) {
+            PyErr_Clear();
+            return decline();
+        }
+        return made(values);
+    }
+
     std::uint64_t values_ = 0;
     bool failed_ = false;
+    std::vector<common::PlainText> texts_;
 };
 
 }  // namespace

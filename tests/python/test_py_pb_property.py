@@ -87,6 +87,8 @@ def observed(v):
         return {k: observed(e) for k, e in v.items()}
     if type(v).__module__ == "veltra":
         return (type(v).__name__, np.asarray(v).tolist())
+    if isinstance(v, np.ndarray):
+        return (str(v.dtype), v.shape, v.tobytes())
     return v
 
 
@@ -158,6 +160,11 @@ PEER_PLAIN = {
     "three dimensions": peer.numeric(DOUBLE, [1.0], (1, 1, 1)),
     "unpaired surrogate": peer.char("a\ud800"),
     "2-by-2 char in a struct": peer.struct(["t"], [[peer.char("abcd", (2, 2))]]),
+    "engine datetimes": peer.datetime_texts(["2024-01-01T10:00:00.123456789", None, "", "2300-01-01"]),
+    "engine datetimes 2-by-2": peer.datetime_texts(["2024-01-01", "2024-01-02T03:04", "NaT", "1969-12-31"], (2, 2)),
+    "engine datetimes with a text numpy cannot read": peer.datetime_texts(["2024-01-01", "not a date"]),
+    "engine datetimes with another property": peer.value_object(
+        "datetime", [{"DateString": peer.strings(["2024-01-01"]), "TimeZone": peer.strings(["UTC"])}] * 2),
 }
 
 
