@@ -73,8 +73,6 @@ public:
         return items(obj, t == &PyList_Type, true);
     }
 
-    std::size_t payload() const { return bytes_; }
-
 private:
     // One more value, as the general path counts them: past the limit that path refuses the call; every few
     // thousand values, pending signals run their handlers.
