@@ -7,6 +7,8 @@
 #include <cstring>
 #include <vector>
 
+#include "arraypkg/transpose_blocks.h"
+
 namespace PythonVeltraDataArray::arraypkg {
 
 namespace {
@@ -69,9 +71,42 @@ inline void copyRun(unsigned char* d, std::int64_t ds, const unsigned char* s, s
 template <std::size_t E>
 constexpr std::int64_t kTile = E >= 8 ? 32 : 64;
 
+template <std::size_t E, std::size_t C, bool Swap>
+void copyTiledElementwise(unsigned char* d, const unsigned char* s, const Dim& a, const Dim& b);
+
+// How many elements of size `e` from `p` to the next 64-byte line boundary, when elements lie at whole multiples
+// of their size from it (else 0).
+std::int64_t elementsToLine(const unsigned char* p, std::int64_t e) {
+    const auto bytes = static_cast<std::int64_t>((~reinterpret_cast<std::uintptr_t>(p) + 1) & 63);
+    return bytes % e ? 0 : bytes / e;
+}
+
 // A transposing copy of one 2-D slab: `a` runs along the destination, `b` along the source.
 template <std::size_t E, std::size_t C, bool Swap>
 void copyTiled(unsigned char* d, const unsigned char* s, const Dim& a, const Dim& b) {
+    // Plain elements contiguous along both runs: whole blocks with the vector kernels, starting on a line of the
+    // source rows where the alignment allows; the columns beside them and the rows below them element by element.
+    if constexpr (!Swap) {
+        const std::int64_t e = static_cast<std::int64_t>(E), side = transposeBlockSide(E);
+        const TransposeBlocks blocks = transposeBlocksFor(E);
+        std::int64_t j0 = elementsToLine(s, e);
+        if (b.n - j0 < side) j0 = 0;
+        const std::int64_t m = a.n / side * side, n = (b.n - j0) / side * side;
+        if (a.ds == e && b.ss == e && m && n && blocks) {
+            blocks(d + j0 * b.ds, b.ds, s + j0 * e, a.ss, m, n);
+            const std::int64_t j1 = j0 + n;
+            copyTiledElementwise<E, C, Swap>(d, s, a, {j0, b.ds, b.ss});
+            copyTiledElementwise<E, C, Swap>(d + j1 * b.ds, s + j1 * e, a, {b.n - j1, b.ds, b.ss});
+            copyTiledElementwise<E, C, Swap>(d + m * e + j0 * b.ds, s + m * a.ss + j0 * e, {a.n - m, a.ds, a.ss},
+                                             {n, b.ds, b.ss});
+            return;
+        }
+    }
+    copyTiledElementwise<E, C, Swap>(d, s, a, b);
+}
+
+template <std::size_t E, std::size_t C, bool Swap>
+void copyTiledElementwise(unsigned char* d, const unsigned char* s, const Dim& a, const Dim& b) {
     constexpr std::int64_t T = kTile<E>;
     for (std::int64_t jb = 0; jb < b.n; jb += T) {
         const std::int64_t je = std::min(b.n, jb + T);
