@@ -77,6 +77,22 @@ const TransposeBlocks* machineTable() {
 
 }  // namespace
 
+std::size_t transposeStageBytes(std::size_t itemsize) {
+#if TB_X86
+    using namespace sse2;  // the same layout for every instruction set
+#else
+    using namespace portable;
+#endif
+    switch (itemsize) {
+        case 1: return stageBytes<1>();
+        case 2: return stageBytes<2>();
+        case 4: return stageBytes<4>();
+        case 8: return stageBytes<8>();
+        case 16: return stageBytes<16>();
+        default: return 0;
+    }
+}
+
 TransposeBlocks transposeBlocksFor(std::size_t itemsize) {
     static const TransposeBlocks* const table = machineTable();
     switch (itemsize) {
