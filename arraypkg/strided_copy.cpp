@@ -161,7 +161,7 @@ void run(unsigned char* dst, const unsigned char* src, std::vector<Dim>& dims) {
     if (tiled && !Swap && dims[0].ds == e && dims[inner].ss == e) {
         std::int64_t bytes = e;
         for (const Dim& d : dims) bytes *= d.n;
-        if (bytes >= kStreamFrom) {
+        if (bytes >= kStreamFrom && transposeStageBytes(E)) {
             stageMemory.reset(new std::uint8_t[transposeStageBytes(E) + 63]);
             stage = stageMemory.get() + (~reinterpret_cast<std::uintptr_t>(stageMemory.get()) + 1) % 64;
         }

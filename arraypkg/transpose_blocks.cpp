@@ -80,9 +80,6 @@ const TransposeBlocks* machineTable() {
 std::size_t transposeStageBytes(std::size_t itemsize) {
 #if TB_X86
     using namespace sse2;  // the same layout for every instruction set
-#else
-    using namespace portable;
-#endif
     switch (itemsize) {
         case 1: return stageBytes<1>();
         case 2: return stageBytes<2>();
@@ -91,6 +88,9 @@ std::size_t transposeStageBytes(std::size_t itemsize) {
         case 16: return stageBytes<16>();
         default: return 0;
     }
+#else
+    return 0;
+#endif
 }
 
 TransposeBlocks transposeBlocksFor(std::size_t itemsize) {

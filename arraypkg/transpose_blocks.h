@@ -21,7 +21,7 @@ constexpr std::int64_t transposeBlockSide(std::size_t itemsize) { return 64 / st
 // The copy for 1-, 2-, 4-, 8- or 16-byte elements (null for any other size), chosen once for this machine.
 TransposeBlocks transposeBlocksFor(std::size_t itemsize);
 
-// The scratch the streaming form of that copy takes.
+// The scratch the streaming form of that copy takes; 0 where it has none.
 std::size_t transposeStageBytes(std::size_t itemsize);
 
 }  // namespace PythonVeltraDataArray::arraypkg
