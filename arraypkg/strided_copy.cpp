@@ -5,7 +5,10 @@
 #include <cstdlib>
 #include <stdexcept>
 #include <cstring>
+#include <memory>
 #include <vector>
+
+#include "arraypkg/transpose_blocks.h"
 
 namespace PythonVeltraDataArray::arraypkg {
 
@@ -69,9 +72,61 @@ inline void copyRun(unsigned char* d, std::int64_t ds, const unsigned char* s, s
 template <std::size_t E>
 constexpr std::int64_t kTile = E >= 8 ? 32 : 64;
 
-// A transposing copy of one 2-D slab: `a` runs along the destination, `b` along the source.
+// Transposing copies from this size on write their destination with streaming stores: it would not stay cached
+// for long, and written through the caches every line of it would first be read in.
+constexpr std::int64_t kStreamFrom = 8 << 20;
+
+// The kernel clears a fresh huge page on first touch, finishing at the touched address: touched near its start, a
+// page is cleared back to front, which takes about twice as long as front to back. A transposing copy first
+// touches each page of its destination near the start, so a large dense destination has its huge pages touched
+// at their ends beforehand.
+constexpr std::uintptr_t kHugePage = std::uintptr_t{2} << 20;
+
+void touchHugePagesAtTheirEnds(unsigned char* d, std::int64_t bytes) {
+    const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(d) + static_cast<std::uintptr_t>(bytes);
+    std::uintptr_t page = (reinterpret_cast<std::uintptr_t>(d) + kHugePage - 1) & ~(kHugePage - 1);
+    for (; page + kHugePage <= end; page += kHugePage)
+        *reinterpret_cast<volatile unsigned char*>(page + kHugePage - 1) = 0;
+}
+
 template <std::size_t E, std::size_t C, bool Swap>
-void copyTiled(unsigned char* d, const unsigned char* s, const Dim& a, const Dim& b) {
+void copyTiledElementwise(unsigned char* d, const unsigned char* s, const Dim& a, const Dim& b);
+
+// How many elements of size `e` from `p` to the next 64-byte line boundary, when elements lie at whole multiples
+// of their size from it (else 0).
+std::int64_t elementsToLine(const unsigned char* p, std::int64_t e) {
+    const auto bytes = static_cast<std::int64_t>((~reinterpret_cast<std::uintptr_t>(p) + 1) & 63);
+    return bytes % e ? 0 : bytes / e;
+}
+
+// A transposing copy of one 2-D slab: `a` runs along the destination, `b` along the source. With `stage` (see
+// transposeStageBytes) the blocks take streaming stores.
+template <std::size_t E, std::size_t C, bool Swap>
+void copyTiled(unsigned char* d, const unsigned char* s, const Dim& a, const Dim& b, std::uint8_t* stage) {
+    // Plain elements contiguous along both runs: whole blocks with the vector kernels, starting on a line of the
+    // source rows where the alignment allows; the columns beside them and the rows below them element by element.
+    if constexpr (!Swap) {
+        const std::int64_t e = static_cast<std::int64_t>(E), side = transposeBlockSide(E);
+        const TransposeBlocks blocks = transposeBlocksFor(E);
+        std::int64_t j0 = elementsToLine(s, e);
+        if (b.n - j0 < side) j0 = 0;
+        const std::int64_t m = a.n / side * side, n = (b.n - j0) / side * side;
+        if (a.ds == e && b.ss == e && m && n && blocks) {
+            if (stage && b.ds == a.n * e) touchHugePagesAtTheirEnds(d, a.n * b.n * e);
+            blocks(d + j0 * b.ds, b.ds, s + j0 * e, a.ss, m, n, stage);
+            const std::int64_t j1 = j0 + n;
+            copyTiledElementwise<E, C, Swap>(d, s, a, {j0, b.ds, b.ss});
+            copyTiledElementwise<E, C, Swap>(d + j1 * b.ds, s + j1 * e, a, {b.n - j1, b.ds, b.ss});
+            copyTiledElementwise<E, C, Swap>(d + m * e + j0 * b.ds, s + m * a.ss + j0 * e, {a.n - m, a.ds, a.ss},
+                                             {n, b.ds, b.ss});
+            return;
+        }
+    }
+    copyTiledElementwise<E, C, Swap>(d, s, a, b);
+}
+
+template <std::size_t E, std::size_t C, bool Swap>
+void copyTiledElementwise(unsigned char* d, const unsigned char* s, const Dim& a, const Dim& b) {
     constexpr std::int64_t T = kTile<E>;
     for (std::int64_t jb = 0; jb < b.n; jb += T) {
         const std::int64_t je = std::min(b.n, jb + T);
@@ -100,9 +155,21 @@ void run(unsigned char* dst, const unsigned char* src, std::vector<Dim>& dims) {
         if (!(tiled && k == inner)) outer.push_back(dims[k]);
     std::vector<std::int64_t> count(outer.size(), 0);
 
+    std::unique_ptr<std::uint8_t[]> stageMemory;
+    std::uint8_t* stage = nullptr;
+    const auto e = static_cast<std::int64_t>(E);
+    if (tiled && !Swap && dims[0].ds == e && dims[inner].ss == e) {
+        std::int64_t bytes = e;
+        for (const Dim& d : dims) bytes *= d.n;
+        if (bytes >= kStreamFrom && transposeStageBytes(E)) {
+            stageMemory.reset(new std::uint8_t[transposeStageBytes(E) + 63]);
+            stage = stageMemory.get() + (~reinterpret_cast<std::uintptr_t>(stageMemory.get()) + 1) % 64;
+        }
+    }
+
     for (;;) {
         if (tiled) {
-            copyTiled<E, C, Swap>(dst, src, dims[0], dims[inner]);
+            copyTiled<E, C, Swap>(dst, src, dims[0], dims[inner], stage);
         } else {
             copyRun<E, C, Swap>(dst, dims[0].ds, src, dims[0].ss, dims[0].n);
         }

@@ -5,7 +5,8 @@
 Prints ratios (ours / peer; lower is better) with the target for each:
   - a small call and its result, against pickle;
   - a 64 MiB float64 array (Fortran- and C-ordered) into parameters bytes, against numpy's copy of it into fresh
-    memory (a.copy()), with a warm copy (numpy.copyto into memory already touched) beside it;
+    memory (a.copy()), with a warm copy (numpy.copyto into memory already touched) beside it; and C-ordered int8
+    and int16 arrays of the same size and row count, each against its own a.copy();
   - a result holding one 64 MiB double array into a veltra.double and on to numpy.asarray, against the same;
   - peak memory above the input for the big cases, each in a fresh process (VmHWM), against the payload;
   - 100,000 mixed numbers and strings in a list, and 100,000 numbers in a dict of 1,000 lists: time per element
@@ -127,6 +128,14 @@ def big_arrays(report, repeat):
     report.ratio("F-ordered into params bytes", params_f, warm, "warm numpy.copyto")
     report.ratio("C-ordered into params bytes", params_c, copy, "a.copy()", target=2.0)
     report.ratio("C-ordered into params bytes", params_c, warm, "warm numpy.copyto")
+    # Narrower elements transpose with more work per byte; the one-byte copy is the slowest.
+    for dtype in (np.int8, np.int16):
+        shape = (BIG_SHAPE[0], BIG_BYTES // np.dtype(dtype).itemsize // BIG_SHAPE[0])
+        narrow = np.random.default_rng(2).integers(-100, 100, shape, dtype=dtype)
+        report.ratio(f"C-ordered {np.dtype(dtype).name} into params bytes",
+                     best(lambda: py_pb.py_to_serialized_str((narrow,)), repeat),
+                     best(lambda: narrow.copy(order="K"), repeat), "a.copy()")
+        del narrow
 
     result = loopback(py_pb.py_to_serialized_str((a_f,)))
 

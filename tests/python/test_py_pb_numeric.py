@@ -164,6 +164,19 @@ def test_nothing_returned_shares_memory_with_the_call_that_made_it():
     np.testing.assert_array_equal(out, np.arange(120_000.0).reshape(300, 400))
 
 
+# From 8 MiB on the reordering copy streams whole lines into the message, which may start anywhere: every
+# element size, an odd shape, rows running backwards from a start off any line.
+@pytest.mark.parametrize("dtype", [np.int8, np.int16, np.float32, np.float64, np.complex128], ids=str)
+def test_reordering_copies_of_8_mib_and_more(dtype):
+    rows = 1027
+    cols = (8 << 20) // (rows * np.dtype(dtype).itemsize) + 5
+    base = (np.arange(rows * (cols + 1)) % 251).astype(dtype).reshape(rows, cols + 1)
+    a = base[::-1, 1:]
+    (sent,) = sent_arrays(py_pb.py_to_serialized_str((a,)))
+    assert tuple(sent.dims) == a.shape
+    assert sent.data == a.tobytes(order="F")
+
+
 def test_a_borrowed_buffer_is_released_on_success_and_on_failure():
     ba = bytearray(64 * 1024)
     mv = memoryview(ba).cast("d")
