@@ -27,6 +27,8 @@ class CallBudget {
 public:
     static constexpr std::uint64_t kMaxMessageBytes = 2147483647;  // 2 GiB - 1, protobuf's limit
     static constexpr std::uint64_t kMaxValues = std::uint64_t{1} << 22;
+    // Pending signals run their handlers once per this many values.
+    static constexpr std::uint64_t kSignalEvery = 4096;
 
     struct Counts {
         std::uint64_t values = 0, bytes = 0;
@@ -51,7 +53,6 @@ public:
     void remember(PyObject* container, const Array& converted, Counts since);
 
 private:
-    static constexpr std::uint64_t kSignalEvery = 4096;
     bool checkValues();
 
     struct Shared {

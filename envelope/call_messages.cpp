@@ -10,6 +10,7 @@
 
 #include "serialization.h"
 #include "veltradata/impl.h"
+#include "field_numbers.h"
 #include "wire_format.h"
 
 namespace foundation::protobuf::common {
@@ -23,19 +24,9 @@ using foundation::veltradata::TypeMismatchException;
 using wire::Reader;
 using wire::Span;
 using wire::WireType;
+using namespace vp::field;
 
 namespace {
-
-constexpr int kNargout = VELTRA_Params::kNargoutFieldNumber;
-constexpr int kRhs = VELTRA_Params::kRhsFieldNumber;
-constexpr int kLhs = VELTRA_Result::kLhsFieldNumber;
-constexpr int kError = VELTRA_Result::kErrorFieldNumber;
-constexpr int kErrMessage = VELTRA_Error::kMessageFieldNumber;
-constexpr int kErrIdentifier = VELTRA_Error::kIdentifierFieldNumber;
-constexpr int kErrStack = VELTRA_Error::kStackFieldNumber;
-constexpr int kFrameFile = VELTRA_StackFrame::kFileFieldNumber;
-constexpr int kFrameName = VELTRA_StackFrame::kNameFieldNumber;
-constexpr int kFrameLine = VELTRA_StackFrame::kLineFieldNumber;
 
 std::string str(Span s) { return s.size ? std::string(reinterpret_cast<const char*>(s.data), s.size) : std::string(); }
 

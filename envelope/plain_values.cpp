@@ -5,8 +5,8 @@
 #include <limits>
 #include <stdexcept>
 
+#include "field_numbers.h"
 #include "serialization.h"
-#include "veltra_common.pb.h"
 #include "veltradata/veltradata.h"
 #include "wire_format.h"
 
@@ -14,30 +14,12 @@ namespace foundation::protobuf::common {
 
 namespace vp = foundation::veltradata::protobuf;
 namespace wire = vp::wire;
-using foundation::veltradata::protobuf::VELTRA_Array;
+using namespace vp::field;
 using wire::Reader;
 using wire::Span;
 using wire::WireType;
 
 namespace {
-
-constexpr int kNargout = VELTRA_Params::kNargoutFieldNumber;
-constexpr int kRhs = VELTRA_Params::kRhsFieldNumber;
-constexpr int kLhs = VELTRA_Result::kLhsFieldNumber;
-constexpr int kType = VELTRA_Array::kTypeFieldNumber;
-constexpr int kDims = VELTRA_Array::kDimsFieldNumber;
-constexpr int kData = VELTRA_Array::kDataFieldNumber;
-constexpr int kElements = VELTRA_Array::kElementsFieldNumber;
-constexpr int kFieldNames = VELTRA_Array::kFieldNamesFieldNumber;
-constexpr int kStringUnits = VELTRA_Array::kStringUnitsFieldNumber;
-constexpr int kStringLengths = VELTRA_Array::kStringLengthsFieldNumber;
-constexpr int kClassName = VELTRA_Array::kClassNameFieldNumber;
-constexpr int kFirstProps = VELTRA_Array::kFirstPropertiesFieldNumber;
-constexpr int kSecondProps = VELTRA_Array::kSecondPropertiesFieldNumber;
-constexpr int kObjects = VELTRA_Array::kObjectsFieldNumber;
-constexpr int kObjProps = foundation::veltradata::protobuf::VELTRA_ValueObject::kPropertiesFieldNumber;
-constexpr int kPropName = foundation::veltradata::protobuf::VELTRA_Property::kNameFieldNumber;
-constexpr int kPropValue = foundation::veltradata::protobuf::VELTRA_Property::kValueFieldNumber;
 
 // The type field of a kind: all plain kinds are one-byte varints.
 constexpr std::size_t kTypeSize = 2;
@@ -200,8 +182,8 @@ void PlainParams::writeTo(std::uint8_t* out) const {
             case kStruct: {
                 const bool isStruct = e.kind == kStruct;
                 p = writeHead(p, isStruct ? ArrayType::STRUCT : ArrayType::CELL, isStruct ? 1 : e.a);
-                open.push_back({e.a + 1, names.size(), isStruct});  // + 1: finished() below counts the container itself
-                finished();
+                if (e.a) open.push_back({e.a, names.size(), isStruct});
+                else finished();  // an empty one is done at once (and has no field names)
                 break;
             }
             case kName: break;
@@ -247,14 +229,11 @@ bool lenField(Reader& r, int field, Span& out) {
 // A 1-by-1 string array body, as every writer lays it out: its text, or none for a missing string.
 bool stringScalar(Span body, PlainText& out) {
     Reader r(body);
-    int field;
-    WireType wt;
-    std::uint64_t v;
-    Span dims, units{nullptr, 0}, lengths;
-    if (!r.tag(field, wt) || field != kType || wt != wire::kVarint || !r.varint(v) ||
-        v != static_cast<std::uint64_t>(ArrayType::VELTRA_STRING))
+    Head h;
+    if (!readHead(r, h) || h.type != ArrayType::VELTRA_STRING || h.ndims != 2 || h.dims[0] != 1 || h.dims[1] != 1)
         return false;
-    if (!lenField(r, kDims, dims) || dims.size != 2 || dims.data[0] != 1 || dims.data[1] != 1) return false;
+    std::uint64_t v;
+    Span units{nullptr, 0}, lengths;
     Reader peek = r;
     if (lenField(peek, kStringUnits, units)) r = peek;
     if (!lenField(r, kStringLengths, lengths) || !r.done()) return false;
@@ -267,8 +246,8 @@ bool stringScalar(Span body, PlainText& out) {
 }
 
 // The objects of an engine datetime array from `r` on: each exactly one property, DateString, holding a
-// 1-by-1 string. Their texts go to `out` when it is given.
-bool dateStringObjects(Reader& r, std::uint64_t n, std::vector<PlainText>* out) {
+// 1-by-1 string. Their texts go to `out`.
+bool dateStringObjects(Reader& r, std::uint64_t n, std::vector<PlainText>& out) {
     static constexpr char kDateString[] = "DateString";
     for (std::uint64_t i = 0; i < n; ++i) {
         Span object, property, name, value;
@@ -281,14 +260,14 @@ bool dateStringObjects(Reader& r, std::uint64_t n, std::vector<PlainText>* out) 
             return false;
         PlainText text;
         if (!stringScalar(value, text)) return false;
-        if (out) out->push_back(text);
+        out.push_back(text);
     }
     return r.done();
 }
 
 // From the class name of a value-object array on: "datetime", declared property names (valid UTF-8), then
 // the objects of dateStringObjects.
-bool datetimeArrayRest(Reader& r, std::uint64_t n, std::vector<PlainText>* out) {
+bool datetimeArrayRest(Reader& r, std::uint64_t n, std::vector<PlainText>& out) {
     static constexpr char kDatetime[] = "datetime";
     Span name;
     if (!lenField(r, kClassName, name) || name.size != sizeof kDatetime - 1 ||
@@ -304,41 +283,29 @@ bool datetimeArrayRest(Reader& r, std::uint64_t n, std::vector<PlainText>* out) 
 }  // namespace
 
 PlainArray readPlain(const std::uint8_t* data, std::size_t size) {
-    constexpr std::size_t kMaxDims = 8;
     PlainArray out;
+    out.end = data + size;
     Reader r(data, size);
-    int field;
-    WireType wt;
-    std::uint64_t type;
-    if (!r.tag(field, wt) || field != kType || wt != wire::kVarint || !r.varint(type)) return out;
-    if (type > static_cast<std::uint64_t>(foundation::veltradata::kMaxArrayType)) return out;
-    const ArrayType t = static_cast<ArrayType>(type);
+    Head h;
+    if (!readHead(r, h)) return out;
+    const ArrayType t = h.type;
     const bool raw = foundation::veltradata::isRawBufferType(t);
-    const bool objects = t == ArrayType::VALUE_OBJECT;
-    if (!raw && !objects && t != ArrayType::CELL && t != ArrayType::STRUCT) return out;
-
-    Span packed;
-    if (!r.tag(field, wt) || field != kDims || wt != wire::kLen || !r.len(packed)) return out;
-    std::uint64_t dims[kMaxDims];
-    std::size_t nd = 0;
-    bool empty = false;
-    for (Reader d(packed); !d.done(); ++nd) {
-        if (nd == kMaxDims || !d.varint(dims[nd])) return out;
-        empty = empty || dims[nd] == 0;
-    }
-    if (nd < 2) return out;
-    if (objects) {
-        // Any shape of two or more elements: each must have its object.
+    if (!raw && t != ArrayType::VALUE_OBJECT && t != ArrayType::CELL && t != ArrayType::STRUCT) return out;
+    const std::uint64_t* dims = h.dims;
+    const std::size_t nd = h.ndims;
+    const bool empty = std::find(dims, dims + nd, 0) != dims + nd;
+    if (t == ArrayType::VALUE_OBJECT) {
+        // Any shape of two or more elements; dateTexts checks that each has its object.
         std::uint64_t n = 1;
         for (std::size_t k = 0; k < nd; ++k) {
             if (dims[k] == 0 || n > size / dims[k]) return out;  // no more elements than bytes
             n *= dims[k];
         }
-        out.nextElement = data + (size - r.remaining());
-        if (n < 2 || !datetimeArrayRest(r, n, nullptr)) return out;
+        if (n < 2) return out;
         out.kind = PlainKind::DateTexts;
         out.type = t;
         out.count = n;
+        out.nextElement = data + (size - r.remaining());
         std::copy(dims, dims + nd, out.dims);
         out.ndims = nd;
         return out;
@@ -361,7 +328,7 @@ PlainArray readPlain(const std::uint8_t* data, std::size_t size) {
         const bool text = t == ArrayType::CHAR;
         if (!text && n != 1) return out;
         Span payload;
-        if (!r.tag(field, wt) || field != kData || wt != wire::kLen || !r.len(payload) || !r.done()) return out;
+        if (!lenField(r, kData, payload) || !r.done()) return out;
         if (payload.size / foundation::veltradata::elementSize(t) != n ||
             payload.size % foundation::veltradata::elementSize(t))
             return out;
@@ -390,9 +357,9 @@ PlainArray readPlain(const std::uint8_t* data, std::size_t size) {
 }
 
 namespace {
-// A field readPlain has checked: its tag, length and body.
-Span checkedField(const std::uint8_t*& p) {
-    Reader r(p, std::numeric_limits<std::size_t>::max() >> 1);
+// A field readPlain has checked, from `p` on: its body, and `p` past it.
+Span checkedField(const std::uint8_t*& p, const std::uint8_t* end) {
+    Reader r(p, static_cast<std::size_t>(end - p));
     int field;
     WireType wt;
     Span s;
@@ -404,22 +371,22 @@ Span checkedField(const std::uint8_t*& p) {
 }  // namespace
 
 void nextElement(PlainArray& parent, const std::uint8_t*& data, std::size_t& size) {
-    const Span s = checkedField(parent.nextElement);
+    const Span s = checkedField(parent.nextElement, parent.end);
     data = s.data;
     size = s.size;
 }
 
 void nextFieldName(PlainArray& parent, const char*& name, std::size_t& size) {
-    const Span s = checkedField(parent.nextName);
+    const Span s = checkedField(parent.nextName, parent.end);
     name = reinterpret_cast<const char*>(s.data);
     size = s.size;
 }
 
-void dateTexts(const PlainArray& a, const std::uint8_t* end, std::vector<PlainText>& out) {
+bool dateTexts(const PlainArray& a, std::vector<PlainText>& out) {
     out.clear();
     out.reserve(static_cast<std::size_t>(a.count));
-    Reader r(a.nextElement, static_cast<std::size_t>(end - a.nextElement));
-    datetimeArrayRest(r, a.count, &out);
+    Reader r(a.nextElement, static_cast<std::size_t>(a.end - a.nextElement));
+    return datetimeArrayRest(r, a.count, out);
 }
 
 bool plainOutputs(const std::uint8_t* data, std::size_t size, std::vector<PlainOutput>& out) {

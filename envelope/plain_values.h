@@ -88,8 +88,9 @@ enum class PlainKind : std::uint8_t {
     Char,      // a 1-by-N or N-by-1 char array: `count` UTF-16 units at `data` (not aligned)
     Cell,      // a 1-by-N or N-by-1 cell, N >= 1: `count` elements, read with nextElement
     Struct,    // a 1-by-1 struct: `count` fields, read with nextElement and nextFieldName in turn
-    // The engine's datetime array: a value-object array of the class "datetime" whose `count` >= 2 objects
-    // each hold nothing but a 1-by-1 string DateString; `dims` and `ndims` are its shape. Read with dateTexts.
+    // Perhaps the engine's datetime array: a value-object array of `count` >= 2 elements; `dims` and `ndims`
+    // are its shape. dateTexts says whether it is one (of the class "datetime", each object holding nothing
+    // but a 1-by-1 string DateString) and reads its texts.
     DateTexts,
 };
 
@@ -106,6 +107,7 @@ struct PlainArray {
     const std::uint8_t* nextName = nullptr;
     std::uint64_t dims[8] = {};
     std::size_t ndims = 0;
+    const std::uint8_t* end = nullptr;  // of the array's bytes
 };
 
 // One VELTRA_Array message body.
@@ -120,8 +122,8 @@ struct PlainText {
     const std::uint8_t* data = nullptr;
     std::size_t units = 0;
 };
-// The texts of `a`, a DateTexts array read by readPlain from the body that ends at `end`, in element order.
-void dateTexts(const PlainArray& a, const std::uint8_t* end, std::vector<PlainText>& out);
+// The texts of `a`, a DateTexts array, in element order; false when it is not the engine's datetime array.
+bool dateTexts(const PlainArray& a, std::vector<PlainText>& out);
 
 // The output fields of a VELTRA_Result that holds outputs and nothing else, in the canonical layout; false
 // for anything else (an error, unknown fields, bytes cut short), which the general reader then takes.

@@ -17,6 +17,7 @@
 #include <google/protobuf/io/coded_stream.h>
 
 #include "veltradata/impl.h"
+#include "field_numbers.h"
 #include "wire_format.h"
 
 namespace foundation::veltradata::protobuf {
@@ -25,6 +26,7 @@ using namespace foundation::veltradata::detail;  // the storage behind Array
 using wire::Reader;
 using wire::Span;
 using wire::WireType;
+using namespace field;
 
 namespace {
 
@@ -41,34 +43,6 @@ StringPayloadSizes stringPayloadSizes(const std::vector<VeltraString>& v) {
     }
     return n;
 }
-
-// Field numbers, from the generated classes so that the schema stays the one source.
-constexpr int kType = VELTRA_Array::kTypeFieldNumber;
-constexpr int kDims = VELTRA_Array::kDimsFieldNumber;
-constexpr int kData = VELTRA_Array::kDataFieldNumber;
-constexpr int kElements = VELTRA_Array::kElementsFieldNumber;
-constexpr int kFieldNames = VELTRA_Array::kFieldNamesFieldNumber;
-constexpr int kStringUnits = VELTRA_Array::kStringUnitsFieldNumber;
-constexpr int kStringLengths = VELTRA_Array::kStringLengthsFieldNumber;
-constexpr int kClassName = VELTRA_Array::kClassNameFieldNumber;
-constexpr int kFirstProps = VELTRA_Array::kFirstPropertiesFieldNumber;
-constexpr int kSecondProps = VELTRA_Array::kSecondPropertiesFieldNumber;
-constexpr int kObjects = VELTRA_Array::kObjectsFieldNumber;
-constexpr int kExternalDims = VELTRA_Array::kExternalDimsFieldNumber;
-constexpr int kHandles = VELTRA_Array::kHandlesFieldNumber;
-constexpr int kEnumNames = VELTRA_Array::kEnumNamesFieldNumber;
-constexpr int kSparseRows = VELTRA_Array::kSparseRowsFieldNumber;
-constexpr int kSparseCols = VELTRA_Array::kSparseColsFieldNumber;
-constexpr int kNotUniform = VELTRA_Array::kNotUniformFieldNumber;
-
-constexpr int kObjClass = VELTRA_ValueObject::kClassNameFieldNumber;
-constexpr int kObjProps = VELTRA_ValueObject::kPropertiesFieldNumber;
-constexpr int kObjFirst = VELTRA_ValueObject::kFirstPropertiesFieldNumber;
-constexpr int kObjSecond = VELTRA_ValueObject::kSecondPropertiesFieldNumber;
-constexpr int kPropName = VELTRA_Property::kNameFieldNumber;
-constexpr int kPropValue = VELTRA_Property::kValueFieldNumber;
-constexpr int kHandleClass = VELTRA_Handle::kClassNameFieldNumber;
-constexpr int kHandleId = VELTRA_Handle::kIdFieldNumber;
 
 static_assert(kNotUniform < 32, "field presence is tracked in a 32-bit mask");
 
@@ -599,36 +573,26 @@ namespace {
 // this is their whole cost. Anything else, malformed messages included, is left to the general reader
 // (an absent result).
 std::optional<Array> decodeCanonicalRaw(const std::uint8_t* data, std::size_t size, ArrayFactory& factory) {
-    constexpr std::size_t kMaxDims = 8;
     Reader r(data, size);
-    int field;
-    WireType wt;
-    std::uint64_t type;
-    if (!r.tag(field, wt) || field != kType || wt != wire::kVarint || !r.varint(type)) return std::nullopt;
-    if (type > static_cast<std::uint64_t>(kMaxArrayType) || !isRawBufferType(static_cast<ArrayType>(type)))
-        return std::nullopt;
-    const ArrayType t = static_cast<ArrayType>(type);
-    Span packed;
-    if (!r.tag(field, wt) || field != kDims || wt != wire::kLen || !r.len(packed)) return std::nullopt;
-    std::uint64_t dims[kMaxDims];
-    std::size_t nd = 0;
+    Head h;
+    if (!readHead(r, h) || !isRawBufferType(h.type)) return std::nullopt;
     std::uint64_t numel = 1;
-    for (Reader d(packed); !d.done(); ++nd) {
-        if (nd == kMaxDims || !d.varint(dims[nd])) return std::nullopt;
-        if (dims[nd] && numel > std::numeric_limits<std::uint32_t>::max() / dims[nd]) return std::nullopt;
-        numel *= dims[nd];
+    for (std::size_t k = 0; k < h.ndims; ++k) {
+        if (h.dims[k] && numel > std::numeric_limits<std::uint32_t>::max() / h.dims[k]) return std::nullopt;
+        numel *= h.dims[k];
     }
-    if (nd < 2) return std::nullopt;
-    const std::size_t want = static_cast<std::size_t>(numel) * elementSize(t);
+    const std::size_t want = static_cast<std::size_t>(numel) * elementSize(h.type);
     Span payload;
     if (want) {
+        int field;
+        WireType wt;
         if (!r.tag(field, wt) || field != kData || wt != wire::kLen || !r.len(payload) || payload.size != want)
             return std::nullopt;
     }
     if (!r.done()) return std::nullopt;
     AlignedBuffer buf(want, false);
     if (want) std::memcpy(buf.data(), payload.data, want);
-    return factory.adoptBuffer(t, Dims(dims, dims + nd), std::move(buf));
+    return factory.adoptBuffer(h.type, Dims(h.dims, h.dims + h.ndims), std::move(buf));
 }
 
 }  // namespace

@@ -60,16 +60,22 @@ PyObject* buildParams(PyObject* obj, std::int32_t nargout) {
                                           " bytes (2 GiB) a message can hold");
     }
     // Sized first, then written once straight into the bytes object that is returned.
-    Ref bytes = Ref::steal(PyBytes_FromStringAndSize(nullptr, static_cast<Py_ssize_t>(size)));
+    std::uint8_t* out = nullptr;
+    Ref bytes = newMessageBytes(size, out);
     if (!bytes) return nullptr;
-    std::uint8_t* out = reinterpret_cast<std::uint8_t*>(PyBytes_AsString(bytes.get()));
-    // Large messages are written into fresh memory: huge pages halve the cost of first touch.
-    if (size >= kHugePageWorthwhile) foundation::veltradata::detail::adviseHugePages(out, size);
     message.writeTo(out);
     return bytes.release();
 }
 
 }  // namespace
+
+Ref newMessageBytes(std::size_t size, std::uint8_t*& out) {
+    Ref bytes = Ref::steal(PyBytes_FromStringAndSize(nullptr, static_cast<Py_ssize_t>(size)));
+    if (!bytes) return bytes;
+    out = reinterpret_cast<std::uint8_t*>(PyBytes_AsString(bytes.get()));
+    if (size >= kHugePageWorthwhile) foundation::veltradata::detail::adviseHugePages(out, size);
+    return bytes;
+}
 
 PyObject* pyToSerializedStr(PyObject* module, PyObject* args, PyObject* kwargs) noexcept {
     try {

@@ -12,8 +12,8 @@
 #include "convert/text.h"
 #include "envelope/plain_values.h"
 #include "envelope/serialization.h"
+#include "module/entry_points.h"
 #include "pyutil/ref.h"
-#include "veltradata/buffer.h"
 
 namespace PythonVeltraDataArray::module {
 
@@ -29,7 +29,7 @@ namespace {
 
 enum class Step { Ok, Decline, Fail };
 
-constexpr std::uint64_t kSignalEvery = 4096;  // as the general path checks
+constexpr std::uint64_t kSignalEvery = CallBudget::kSignalEvery;  // as the general path checks
 constexpr int kMaxDepth = foundation::veltradata::protobuf::kMaxNestingDepth;
 constexpr char kWhere[] = "";
 
@@ -264,7 +264,7 @@ public:
                 return decline();
             case PlainKind::Cell: return list(a, depth);
             case PlainKind::Struct: return dict(a, depth);
-            case PlainKind::DateTexts: return dates(a, data + size);
+            case PlainKind::DateTexts: return dates(a);
             case PlainKind::NotPlain: break;
         }
         return decline();
@@ -323,8 +323,8 @@ private:
     }
 
     // Each text is copied out (message bytes need not be aligned) and read where the general path reads it.
-    PyObject* dates(const PlainArray& a, const std::uint8_t* end) {
-        common::dateTexts(a, end, texts_);
+    PyObject* dates(const PlainArray& a) {
+        if (!common::dateTexts(a, texts_)) return decline();
         std::u16string text;
         const foundation::veltradata::Dims dims(a.dims, a.dims + a.ndims);
         PyObject* values = detail::datetimeArrayFromTexts(a.count, dims, [&](std::uint64_t i, std::u16string_view& out) {
@@ -361,11 +361,9 @@ Shortcut plainParams(PyObject* obj, std::int32_t nargout) {
     }
     const std::size_t size = tape.finish(nargout);
     if (size > CallBudget::kMaxMessageBytes) return {nullptr, true};
-    Ref bytes = Ref::steal(PyBytes_FromStringAndSize(nullptr, static_cast<Py_ssize_t>(size)));
+    std::uint8_t* out = nullptr;
+    Ref bytes = newMessageBytes(size, out);
     if (!bytes) return {};
-    std::uint8_t* out = reinterpret_cast<std::uint8_t*>(PyBytes_AsString(bytes.get()));
-    constexpr std::size_t kHugePageWorthwhile = std::size_t{8} << 20;
-    if (size >= kHugePageWorthwhile) foundation::veltradata::detail::adviseHugePages(out, size);
     tape.writeTo(out);
     return {bytes.release(), false};
 }
