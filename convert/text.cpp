@@ -17,13 +17,6 @@ constexpr char kCharShape[] = "char arrays returned from VELTRA must be 1-by-N o
 // The trailing blank is part of the message.
 constexpr char kStringShape[] = "string arrays returned from VELTRA must be 1-by-N or M-by-1 ";
 
-// Strict errors; native order, a leading byte-order mark is taken as one (and dropped).
-PyObject* decodeUtf16(const char16_t* units, std::size_t n) {
-    return PyUnicode_DecodeUTF16(reinterpret_cast<const char*>(units), static_cast<Py_ssize_t>(2 * n), nullptr,
-                                 nullptr);
-}
-PyObject* decodeUtf16(const std::u16string& text) { return decodeUtf16(text.data(), text.size()); }
-
 // Short ASCII text, the common case for names and messages, skips the UTF-16 codec: the same str comes out
 // of the UTF-8 decoder, which also hands back Python's cached one-character strings. False when the text is
 // longer or not ASCII: the caller then takes the codec. The units may lie unaligned (in a message).
@@ -135,6 +128,7 @@ std::optional<Array> PyStrToCharOrString::doConvert(PyObject* obj, const Convers
 PyObject* utf16ToPyStr(const void* units, std::size_t n) {
     char narrow[kShortText];
     if (narrowShortAscii(units, n, narrow)) return PyUnicode_FromStringAndSize(narrow, static_cast<Py_ssize_t>(n));
+    // Strict errors; native order, a leading byte-order mark is taken as one (and dropped).
     return PyUnicode_DecodeUTF16(static_cast<const char*>(units), static_cast<Py_ssize_t>(2 * n), nullptr, nullptr);
 }
 
@@ -147,7 +141,7 @@ PyObject* CharToPyStr::doConvert(const Array& a) {
 PyObject* VLStringToPyStr::doConvert(const Array& a) {
     const VeltraString element = TypedArray<VeltraString>(a)[0].getValue<VeltraString>();
     if (!element) Py_RETURN_NONE;
-    return decodeUtf16(*element);
+    return utf16ToPyStr(element->data(), element->size());
 }
 
 PyObject* VLStringToPyList::doConvert(const Array& a) {
@@ -156,18 +150,10 @@ PyObject* VLStringToPyList::doConvert(const Array& a) {
     const std::uint64_t n = a.getNumberOfElements();
     Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(n)));
     if (!list) return failed();
-    char narrow[kShortText];
     for (std::uint64_t i = 0; i < n; ++i) {
         if (!pollSignals()) return failed();
         const VeltraString& element = strings[i];
-        PyObject* item = nullptr;
-        if (!element) {
-            item = Py_NewRef(Py_None);
-        } else if (narrowShortAscii(element->data(), element->size(), narrow)) {
-            item = PyUnicode_FromStringAndSize(narrow, static_cast<Py_ssize_t>(element->size()));
-        } else {
-            item = decodeUtf16(*element);
-        }
+        PyObject* item = element ? utf16ToPyStr(element->data(), element->size()) : Py_NewRef(Py_None);
         if (!item) return failed();
         PyList_SetItem(list.get(), static_cast<Py_ssize_t>(i), item);  // steals item
     }
