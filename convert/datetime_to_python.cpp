@@ -173,8 +173,7 @@ bool dateStringOf(const Array& prop, std::uint64_t index, std::u16string_view& o
 }
 
 Ref pyText(std::u16string_view text) {
-    return Ref::steal(PyUnicode_DecodeUTF16(reinterpret_cast<const char*>(text.data()),
-                                            static_cast<Py_ssize_t>(text.size() * 2), "surrogatepass", nullptr));
+    return Ref::steal(utf16ToPyStr(text.data(), text.size()));
 }
 
 // The texts of a datetime array as one numpy datetime64 array. `text(i, view)` yields element i's text.

@@ -151,8 +151,7 @@ PyObject* elementToPython(const Array& a, std::uint64_t i) {
         case ArrayType::VELTRA_STRING: {
             const VeltraString& s = foundation::veltradata::stringElements(a)[i];
             if (!s) Py_RETURN_NONE;
-            return PyUnicode_DecodeUTF16(reinterpret_cast<const char*>(s->data()), static_cast<Py_ssize_t>(s->size() * 2),
-                                         "surrogatepass", nullptr);
+            return utf16ToPyStr(s->data(), s->size());
         }
         case ArrayType::LOGICAL: return PyBool_FromLong(a[i].castTo<bool>());
         case ArrayType::DOUBLE:

@@ -128,8 +128,11 @@ std::optional<Array> PyStrToCharOrString::doConvert(PyObject* obj, const Convers
 PyObject* utf16ToPyStr(const void* units, std::size_t n) {
     char narrow[kShortText];
     if (narrowShortAscii(units, n, narrow)) return PyUnicode_FromStringAndSize(narrow, static_cast<Py_ssize_t>(n));
-    // Strict errors; native order, a leading byte-order mark is taken as one (and dropped).
-    return PyUnicode_DecodeUTF16(static_cast<const char*>(units), static_cast<Py_ssize_t>(2 * n), nullptr, nullptr);
+    // The wire's code units are little-endian by definition: a leading U+FEFF or U+FFFE is a character, not a
+    // byte-order mark, and an explicit order keeps the codec from taking it for one.
+    int littleEndian = -1;
+    return PyUnicode_DecodeUTF16(static_cast<const char*>(units), static_cast<Py_ssize_t>(2 * n), nullptr,
+                                 &littleEndian);
 }
 
 PyObject* CharToPyStr::doConvert(const Array& a) {

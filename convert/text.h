@@ -21,8 +21,9 @@ std::size_t appendUtf16(const std::uint32_t* cps, std::size_t n, std::u16string&
 // pending, for text UTF-16 cannot carry (a lone surrogate).
 std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj);
 
-// n UTF-16 units (native order, possibly unaligned) -> str, strictly: the codec's error for an unpaired
-// surrogate. A leading byte-order mark is taken as one.
+// n UTF-16 units (little-endian, possibly unaligned) -> str, strictly: the codec's error for an unpaired
+// surrogate. Every text read from a message (char and string arrays, dictionary keys, time texts) goes
+// through it; a leading U+FEFF or U+FFFE stays the character it is.
 PyObject* utf16ToPyStr(const void* units, std::size_t n);
 
 // str -> 1-by-N CHAR array, or a 1-by-1 VELTRA_STRING array when state.allowString and state.notNested are
