@@ -384,6 +384,10 @@ class Gen:
                     # tuples would take the harness itself exponential time.
                     if isinstance(x, tuple):
                         continue
+                    # An identity hash follows the object's address, and with it the set's order: a replay of
+                    # the same inputs would convert the same set in another order.
+                    if type(x).__hash__ in (object.__hash__, type.__hash__):
+                        continue
                     try:
                         out.add(x)
                     except Exception:
@@ -566,7 +570,8 @@ def same_array(sent, got):
         if sent.dtype == np.dtype("M8[D]") and np.abs(sent.view("i8")).max(initial=0) > 2**40:
             return True
         g = np.asarray(got)
-        return g.shape == sent.shape and g.dtype == sent.dtype.newbyteorder("=") and np.array_equal(g, sent)
+        return (g.shape == sent.shape and g.dtype == sent.dtype.newbyteorder("=")
+                and np.array_equal(g, sent, equal_nan=True))  # NaT is NaT
     if sent.dtype.kind not in "biufc" or sent.dtype.itemsize not in (1, 2, 4, 8, 16) or sent.dtype.char in "eg" \
             or not sent.size:
         return True

@@ -1,16 +1,25 @@
 #!/usr/bin/env bash
 # Fuzzes the Python extensions with atheris: builds py_pb and veltramultidimarrayforpython with ASan, UBSan and
 # fuzzer coverage (clang, build/asan-py), stages them with the veltra package, and runs every harness
-# fuzz/fuzz_module_*.py for FUZZ_SECONDS (default 60) over its corpus in build/asan-py/corpus, seeded from
-# fuzz/corpus. Exits non-zero when any harness finds a crash, a sanitizer report or an unexpected exception;
-# the input is kept in build/asan-py/artifacts. Then runs the tests of hostile inputs against the same build.
+# fuzz/fuzz_module_*.py from its committed corpus fuzz/corpus/<harness>: by default a replay of a fixed number
+# of inputs from a fixed seed (scripts/fuzz_common.sh), with FUZZ_SECONDS set a campaign of that many seconds.
+# Exits non-zero when any harness finds a crash, a sanitizer report or an unexpected exception; the input is
+# kept in build/asan-py/artifacts. Then runs the tests of hostile inputs against the same build.
 # JOBS sets the build parallelism (default 2); PYTHON the interpreter (default .venv).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 PY=${PYTHON:-$PWD/.venv/bin/python}
 JOBS=${JOBS:-2}
-FUZZ_SECONDS=${FUZZ_SECONDS:-60}
 BUILD=build/asan-py
+source scripts/fuzz_common.sh
+
+# Inputs per harness in a replay, about a minute each on one core under the sanitizers.
+replay_runs() {
+  case "$1" in
+    fuzz_module_bytes) echo 300000 ;;
+    *) echo 30000 ;;
+  esac
+}
 STAGE=$BUILD/stage
 
 "$PY" -c "import atheris" 2>/dev/null || "$PY" -m pip install -q atheris
@@ -37,18 +46,18 @@ failed=()
 mkdir -p "$BUILD/artifacts"
 for harness in fuzz/fuzz_module_*.py; do
   name=$(basename "$harness" .py)
-  corpus="$BUILD/corpus/$name"
+  corpus=$(fuzz_scratch "$BUILD/corpus/$name")
   log="$BUILD/$name.log"
-  mkdir -p "$corpus"
   seeds=()
   [ -d "fuzz/corpus/$name" ] && seeds+=("fuzz/corpus/$name")
   # The raw bytes harness also starts from the C++ reader's seeds.
   [ "$name" = fuzz_module_bytes ] && [ -d fuzz/seeds/fuzz_result_reader ] && seeds+=(fuzz/seeds/fuzz_result_reader)
-  echo "== $name for ${FUZZ_SECONDS}s"
+  echo "== $name: $(fuzz_options "$(replay_runs "$name")")"
   # -close_fd_mask=2: serialized_str_to_py prints every unreadable message on standard error; libFuzzer and
   # the sanitizers keep writing to a copy of it (atheris reports uncaught exceptions through libFuzzer).
   status=0
-  "$PY" "$harness" -max_total_time="$FUZZ_SECONDS" -timeout=30 -rss_limit_mb=2048 -max_len=65536 \
+  # shellcheck disable=SC2046
+  no_aslr "$PY" "$harness" $(fuzz_options "$(replay_runs "$name")") -timeout=30 -rss_limit_mb=2048 -max_len=65536 \
     -close_fd_mask=2 -print_final_stats=1 -artifact_prefix="$BUILD/artifacts/$name-" \
     "$corpus" "${seeds[@]}" >"$log" 2>&1 || status=$?
   if [ "$status" -ne 0 ]; then
@@ -56,7 +65,7 @@ for harness in fuzz/fuzz_module_*.py; do
     echo "!! $name failed (exit $status); the whole log is $log"
     failed+=("$name")
   else
-    grep -E '^(Done|stat::)' "$log" || tail -n 12 "$log"
+    fuzz_summary "$log"
   fi
 done
 
