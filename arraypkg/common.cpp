@@ -5,32 +5,18 @@
 #include <stdexcept>
 
 #include "arraypkg/convert.h"
-#include "veltradata/errors.h"
+#include "pyutil/exceptions.h"
 
 namespace PythonVeltraDataArray::arraypkg {
 
 void setErrorFromCurrentException() noexcept {
     try {
         throw;
-    } catch (const PyErrorSet&) {
-        if (!PyErr_Occurred()) PyErr_SetString(PyExc_SystemError, "error reported without an exception set");
     } catch (const ElementError& e) {
         // Callers that know the shape report these themselves; this is the shapeless fallback.
         PyErr_SetString(e.typeError ? PyExc_TypeError : PyExc_ValueError, ("value " + e.value + " " + e.reason).c_str());
-    } catch (const std::bad_alloc&) {
-        PyErr_NoMemory();
-    } catch (const foundation::veltradata::IndexOutOfRangeException& e) {
-        PyErr_SetString(PyExc_IndexError, e.what());
-    } catch (const foundation::veltradata::DimensionsOverflowException& e) {
-        PyErr_SetString(PyExc_ValueError, e.what());
-    } catch (const foundation::veltradata::TypeMismatchException& e) {
-        PyErr_SetString(PyExc_TypeError, e.what());
-    } catch (const std::invalid_argument& e) {
-        PyErr_SetString(PyExc_TypeError, e.what());
-    } catch (const std::exception& e) {
-        PyErr_SetString(PyExc_ValueError, e.what());
     } catch (...) {
-        PyErr_SetString(PyExc_SystemError, "unknown C++ exception");
+        pyutil::failFromCurrentException();
     }
 }
 

@@ -164,7 +164,7 @@ std::string kindName(ArrayType t) {
 
 void convertElements(const void* src, ArrayType from, void* dst, ArrayType to, std::uint64_t n) {
     if (!isNumericKind(from) || !isNumericKind(to))
-        throw std::invalid_argument("cannot convert " + kindName(from) + " elements to " + kindName(to));
+        raise(PyExc_TypeError, "cannot convert " + kindName(from) + " elements to " + kindName(to));
     foundation::veltradata::detail::visitRawType(from, [&](auto s) {
         foundation::veltradata::detail::visitRawType(to, [&](auto d) {
             convertLoop<decltype(d), decltype(s)>(static_cast<const unsigned char*>(src),
@@ -176,7 +176,7 @@ void convertElements(const void* src, ArrayType from, void* dst, ArrayType to, s
 Array convertArray(const Array& src, ArrayType to) {
     const ArrayType from = src.getType();
     if (!isNumericKind(from) || !isNumericKind(to))
-        throw std::invalid_argument("cannot convert an array of " + kindName(from) + " to " + kindName(to));
+        raise(PyExc_TypeError, "cannot convert an array of " + kindName(from) + " to " + kindName(to));
     const auto& impl = src.impl();
     const std::uint64_t n = impl.numel;
     foundation::veltradata::detail::AlignedBuffer out(static_cast<std::size_t>(n) * foundation::veltradata::elementSize(to), false);

@@ -7,6 +7,7 @@
 #include <typeinfo>
 
 #include "convert/budget.h"
+#include "pyutil/exceptions.h"
 #include "pyutil/messages.h"
 #include "pyutil/type_name.h"
 
@@ -31,20 +32,6 @@ pyutil::Failure failSilent(const std::type_info& converter) {
                                         " failed without setting a Python exception");
 }
 
-// The C++ exception being handled as the Python error the module functions give for it. Call only in a
-// catch block.
-pyutil::Failure failFromException() noexcept {
-    try {
-        throw;
-    } catch (const pyutil::PyErrorSet&) {
-        return failed();  // the thrower set it
-    } catch (const std::exception& e) {
-        return fail(PyExc_ValueError, e.what());
-    } catch (...) {
-        return fail(PyExc_ValueError, "Unknown exception");
-    }
-}
-
 // Holds a converter's outcome to the convention. False: report failure (with exactly one error set).
 bool settled(bool produced, const std::type_info& converter) {
     if (!produced) {
@@ -64,7 +51,7 @@ std::optional<Array> ToArrayConverter::convert(PyObject* obj, const ConversionSt
     try {
         result = doConvert(obj, state);
     } catch (...) {
-        failFromException();
+        pyutil::failFromCurrentException();
         result.reset();
     }
     if (!settled(result.has_value(), typeid(*this))) return failed();
@@ -78,7 +65,7 @@ PyObject* ToPythonConverter::convert(const Array& a) {
     try {
         result = Ref::steal(doConvert(a));
     } catch (...) {
-        failFromException();
+        pyutil::failFromCurrentException();
     }
     if (!settled(bool(result), typeid(*this))) return failed();
     return result.release();

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <new>
 #include <optional>
 #include <string>
 
@@ -14,6 +15,7 @@
 #include "module/plain_calls.h"
 #include "pyutil/buffer.h"
 #include "pyutil/error.h"
+#include "pyutil/exceptions.h"
 #include "pyutil/messages.h"
 #include "pyutil/ref.h"
 #include "veltradata/buffer.h"
@@ -32,7 +34,6 @@ const char* const kModuleIsNull = "Module is null";
 const char* const kArgsIsNull = "args is null";
 const char* const kArgsInvalid = "args invalid";
 const char* const kOnePositional = "py_to_serialized_str requires exactly one positional argument";
-const char* const kUnknownException = "Unknown exception";
 const char* const kReadFailed = "Exception thrown from protobuf2vdata with the following content:";
 constexpr std::size_t kHugePageWorthwhile = std::size_t{8} << 20;
 
@@ -89,10 +90,8 @@ PyObject* pyToSerializedStr(PyObject* module, PyObject* args, PyObject* kwargs) 
             return fail(PyExc_RuntimeError, pyutil::kNullObject);
         }
         return buildParams(obj, options.nargout);
-    } catch (const std::exception& e) {
-        return fail(PyExc_ValueError, e.what());
     } catch (...) {
-        return fail(PyExc_ValueError, kUnknownException);
+        return pyutil::failFromCurrentException();
     }
 }
 
@@ -130,6 +129,8 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
             result = foundation::protobuf::common::readResult(static_cast<const std::uint8_t*>(view->buf),
                                                               static_cast<std::size_t>(view->len));
             view.release();
+        } catch (const std::bad_alloc&) {
+            return PyErr_NoMemory();  // out of memory is not a malformed message
         } catch (const std::exception& e) {
             std::fprintf(stderr, "%s\n%s\n", kReadFailed, e.what());
             std::fflush(stderr);
@@ -141,10 +142,8 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
         }
         // Failures while converting what was read are ordinary Python errors.
         return detail::toPython(result);
-    } catch (const std::exception& e) {
-        return fail(PyExc_ValueError, e.what());
     } catch (...) {
-        return fail(PyExc_ValueError, kUnknownException);
+        return pyutil::failFromCurrentException();
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include "convert/module_state.h"
 #include "module/entry_points.h"
+#include "pyutil/exceptions.h"
 #include "pyutil/ref.h"
 #include "types/dictionary.h"
 #include "types/object.h"
@@ -135,12 +136,8 @@ PyMODINIT_FUNC PyInit_py_pb(void) {
     try {
         injectTypes();         // step 1
         importArrayPackage();  // step 2
-    } catch (const std::exception& e) {
-        PyErr_SetString(PyExc_ValueError, (std::string("Unable to initialize py_pb. Details: ") + e.what()).c_str());
-        return nullptr;
     } catch (...) {
-        PyErr_SetString(PyExc_ValueError, "Unable to initialize py_pb. Details: Unknown exception");
-        return nullptr;
+        return PythonVeltraDataArray::pyutil::failFromCurrentException("Unable to initialize py_pb. Details: ");
     }
 
     // Step 3.

@@ -1,6 +1,5 @@
 #include "types/object.h"
 
-#include <boost/numeric/conversion/cast.hpp>
 
 #include <cstdint>
 #include <new>
@@ -8,6 +7,7 @@
 #include <vector>
 
 #include "pyutil/error.h"
+#include "pyutil/exceptions.h"
 #include "pyutil/ref.h"
 #include "pyutil/type_name.h"
 #include "types/compare.h"
@@ -62,22 +62,14 @@ void dealloc(PyObject* self) {
     Py_DECREF(type);
 }
 
-// The C++ exceptions a slot may meet, as Python errors: numeric-cast overflow, the library's index errors.
+// A slot's body, with any C++ exception it meets turned into the Python error.
 template <typename F>
 PyObject* guarded(F&& f) {
     try {
         return f();
-    } catch (const pyutil::PyErrorSet&) {
-    } catch (const boost::numeric::bad_numeric_cast& e) {
-        PyErr_SetString(PyExc_OverflowError, e.what());
-    } catch (const foundation::veltradata::IndexOutOfRangeException& e) {
-        PyErr_SetString(PyExc_IndexError, e.what());
-    } catch (const std::bad_alloc&) {
-        PyErr_NoMemory();
-    } catch (const std::exception& e) {
-        PyErr_SetString(PyExc_ValueError, e.what());
+    } catch (...) {
+        return pyutil::failFromCurrentException();
     }
-    return nullptr;
 }
 
 Py_ssize_t length(PyObject* self) {
@@ -93,7 +85,10 @@ PyObject* size(PyObject* self, void*) {
         Ref tuple = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(shown.size())));
         if (!tuple) return nullptr;
         for (std::size_t k = 0; k < shown.size(); ++k) {
-            PyObject* d = PyLong_FromLong(boost::numeric_cast<std::int32_t>(shown[k]));
+            // Narrowed to a signed 32-bit count, with the overflow a checked numeric cast reports.
+            if (shown[k] > static_cast<std::uint64_t>(INT32_MAX))
+                return fail(PyExc_OverflowError, "bad numeric conversion: positive overflow");
+            PyObject* d = PyLong_FromLong(static_cast<long>(shown[k]));
             if (!d) return nullptr;
             PyTuple_SetItem(tuple.get(), static_cast<Py_ssize_t>(k), d);
         }

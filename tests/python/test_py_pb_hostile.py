@@ -161,15 +161,16 @@ def test_a_signal_interrupts_a_conversion_to_the_engine(n):
 
 def test_a_signal_interrupts_reading_a_long_result():
     # Reading runs no Python code, so the signal comes from a timer. The result is sized until reading it
-    # takes ten times the timer's delay, so that the signal always arrives mid-conversion.
-    delay, n = 0.05, 200_000
+    # takes ten times the timer's delay, so that the signal always arrives mid-conversion: result messages
+    # concatenated are one result with all of their outputs, so it can grow past any budget of one call.
+    delay, one = 0.05, loopback(py_pb.py_to_serialized_str((np.arange(200_000).astype(str).tolist(),)))
+    data = one
     while True:
-        data = loopback(py_pb.py_to_serialized_str((np.arange(n).astype(str).tolist(),)))
         start = time.perf_counter()
         py_pb.serialized_str_to_py(data)
         if time.perf_counter() - start >= 10 * delay:
             break
-        n *= 2
+        data += data
     previous = signal.signal(signal.SIGALRM, signal.default_int_handler)
     try:
         signal.setitimer(signal.ITIMER_REAL, delay)
