@@ -39,12 +39,10 @@ const DictionaryIds& ids() {
     return kIds;
 }
 
-bool typeNamed(PyObject* obj, const char* name) {
+// 1 when obj's type has that __name__, 0 when not, -1 with an error set.
+int typeNamed(PyObject* obj, const char* name) {
     Ref type = Ref::steal(PyType_GetName(Py_TYPE(obj)));
-    if (!type) {
-        PyErr_Clear();
-        return false;
-    }
+    if (!type) return -1;
     return PyUnicode_CompareWithASCIIString(type.get(), name) == 0;
 }
 
@@ -52,7 +50,9 @@ bool typeNamed(PyObject* obj, const char* name) {
 // Python code and change the mapping cannot upset the walk. Null with an error set.
 Ref pairsOf(PyObject* obj, PyObject* veltraPairs) {
     if (veltraPairs) return Ref::steal(PyDict_Items(veltraPairs));
-    if (typeNamed(obj, "ChainMap")) {
+    const int chainMap = typeNamed(obj, "ChainMap");
+    if (chainMap < 0) return Ref();
+    if (chainMap) {
         Ref items = Ref::steal(PyMapping_Items(obj));
         if (!items) {
             pyutil::replaceError(PyExc_ValueError, "unable to retrieve contents of ChainMap object");
@@ -62,11 +62,13 @@ Ref pairsOf(PyObject* obj, PyObject* veltraPairs) {
         if (!merged || PyDict_MergeFromSeq2(merged.get(), items.get(), 0) < 0) return Ref();
         return Ref::steal(PyDict_Items(merged.get()));
     }
-    if (typeNamed(obj, "UserDict")) {
+    const int userDict = typeNamed(obj, "UserDict");
+    if (userDict < 0) return Ref();
+    if (userDict) {
         Ref data = Ref::steal(PyObject_GetAttrString(obj, "data"));
         if (data && PyDict_Check(data.get())) return Ref::steal(PyDict_Items(data.get()));
-        if (!data && !PyErr_ExceptionMatches(PyExc_AttributeError)) return Ref();
-        PyErr_Clear();  // no data of its own: read it as the mapping it is
+        // No data of its own: read it as the mapping it is.
+        if (!data && (!PyErr_ExceptionMatches(PyExc_AttributeError) || !pyutil::clearOrdinary())) return Ref();
     }
     if (PyDict_Check(obj)) return Ref::steal(PyDict_Items(obj));  // a dict subclass: its own storage
     Ref items = Ref::steal(PyMapping_Items(obj));
@@ -196,7 +198,7 @@ std::optional<Array> PyDictionaryToDictionary::doConvert(PyObject* obj, const Co
         PyObject* pair = PyList_GetItem(pairs.get(), i);
         if (!PyTuple_Check(pair) || PyTuple_Size(pair) != 2) {
             const Py_ssize_t size = PyObject_Length(pair);
-            PyErr_Clear();
+            if (!pyutil::clearOrdinary()) return failed();
             return fail(PyExc_ValueError, kPairSize + std::to_string(size));
         }
         keys.push_back(PyTuple_GetItem(pair, 0));

@@ -71,8 +71,7 @@ bool extractMapping(PyObject* arg, Ref& hold, Extracted& out) {
     if (PyUnicode_CompareWithASCIIString(type.get(), "UserDict") == 0) {
         hold = Ref::steal(PyObject_GetAttrString(arg, "data"));
         if (!hold) {
-            if (!PyErr_ExceptionMatches(PyExc_AttributeError)) return false;
-            PyErr_Clear();
+            if (!PyErr_ExceptionMatches(PyExc_AttributeError) || !pyutil::clearOrdinary()) return false;
             out.empty = true;  // a UserDict without its data holds nothing
             return true;
         }
@@ -112,7 +111,7 @@ bool fill(DictionaryState& s, PyObject* arg, PyObject* kwargs) {
         PyObject *key, *value;
         while (PyDict_Next(kwargs, &pos, &key, &value)) {
             if (PyDict_SetItem(s.dict, key, value) < 0) {
-                PyErr_Clear();
+                if (!pyutil::clearOrdinary()) return false;
                 return fail(PyExc_TypeError, "unable to set element at offset " + std::to_string(pos - 1));
             }
         }
@@ -232,34 +231,29 @@ PyObject* methodValues(PyObject* self, PyObject*) {
 // ---- comparison ----
 
 // Same size, and every pair of the first found in the second with a value of the same type or a subtype of
-// it that compares equal: not symmetric when one value's type derives from the other's, on purpose. Errors
-// raised while comparing values count as "not equal".
-bool equal(PyObject* a, PyObject* b) {
-    if (!isDictionary(a) || !isDictionary(b)) return false;  // an impostor that only carries the name
+// it that compares equal: not symmetric when one value's type derives from the other's, on purpose. Ordinary
+// errors raised while looking up or comparing count as "not equal"; any other (KeyboardInterrupt ...) passes
+// up, -1.
+int equal(PyObject* a, PyObject* b) {
+    if (!isDictionary(a) || !isDictionary(b)) return 0;  // an impostor that only carries the name
     PyObject* x = reinterpret_cast<VeltraDictionary*>(a)->state ? reinterpret_cast<VeltraDictionary*>(a)->state->dict : nullptr;
     PyObject* y = reinterpret_cast<VeltraDictionary*>(b)->state ? reinterpret_cast<VeltraDictionary*>(b)->state->dict : nullptr;
-    if (!x || !y) return false;
-    if (PyDict_Size(x) != PyDict_Size(y)) return false;
+    if (!x || !y) return 0;
+    if (PyDict_Size(x) != PyDict_Size(y)) return 0;
     const Ref holdX = Ref::borrow(x), holdY = Ref::borrow(y);
+    const auto notEqual = [] { return pyutil::clearOrdinary() ? 0 : -1; };
     Py_ssize_t pos = 0;
     PyObject *key, *value;
     while (PyDict_Next(x, &pos, &key, &value)) {
         // Comparing runs Python code, which may change either dict: hold what is compared.
         const Ref k = Ref::borrow(key), v = Ref::borrow(value);
         PyObject* other = PyDict_GetItemWithError(y, k.get());
-        if (!other) {
-            PyErr_Clear();
-            return false;
-        }
+        if (!other) return notEqual();
         const Ref w = Ref::borrow(other);
-        if (!PyType_IsSubtype(Py_TYPE(w.get()), Py_TYPE(v.get()))) return false;
-        const int same = PyObject_RichCompareBool(v.get(), w.get(), Py_EQ);
-        if (same != 1) {
-            PyErr_Clear();
-            return false;
-        }
+        if (!PyType_IsSubtype(Py_TYPE(w.get()), Py_TYPE(v.get()))) return 0;
+        if (PyObject_RichCompareBool(v.get(), w.get(), Py_EQ) != 1) return notEqual();
     }
-    return true;
+    return 1;
 }
 
 PyObject* compare(PyObject* self, PyObject* other, int op) {

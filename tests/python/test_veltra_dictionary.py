@@ -2,6 +2,7 @@
 compares."""
 
 import collections
+import collections.abc
 import types
 
 import pytest
@@ -231,3 +232,47 @@ def test_a_dictionary_holding_itself_is_refused_with_recursion_error():
     d["me"] = d
     with pytest.raises(RecursionError):
         py_pb.py_to_serialized_str((d,))
+
+
+class _Interrupting:
+    def __init__(self, error=KeyboardInterrupt):
+        self.error = error
+
+    def __eq__(self, other):
+        raise self.error
+
+    def __hash__(self):
+        return 1
+
+    def __len__(self):
+        raise self.error
+
+
+class _PairsOf(collections.abc.Mapping):
+    def __init__(self, pairs):
+        self.pairs = pairs
+
+    def __getitem__(self, key):
+        raise KeyError(key)
+
+    def __iter__(self):
+        return iter(())
+
+    def __len__(self):
+        return len(self.pairs)
+
+    def items(self):
+        return self.pairs
+
+
+def test_interrupts_pass_through_comparison_and_conversion_while_ordinary_errors_mean_not_equal():
+    for make in (lambda e: veltra.dictionary(k=_Interrupting(e)), lambda e: veltra.dictionary({_Interrupting(e): 1})):
+        with pytest.raises(KeyboardInterrupt):
+            make(KeyboardInterrupt) == make(KeyboardInterrupt)
+        with pytest.raises(SystemExit):
+            make(SystemExit) != make(SystemExit)
+        assert not make(ValueError) == make(ValueError) and make(ValueError) != make(ValueError)
+    with pytest.raises(KeyboardInterrupt):
+        py_pb.py_to_serialized_str((_PairsOf([_Interrupting()]),))
+    with pytest.raises(ValueError, match="^invalid number of elements"):
+        py_pb.py_to_serialized_str((_PairsOf([_Interrupting(ValueError)]),))
