@@ -35,11 +35,16 @@ struct VeltraDictionary {
 
 // The iterator holds the dictionary itself, so that the pairs it walks cannot go away under it (and, like the
 // dictionary, takes part in garbage collection: a dictionary may hold an iterator over itself).
+// Like a dict's own iterator it notices the pairs changing under it: `size` is the count it started with (-1
+// once a change of size was reported, so that every later call reports it again), `remaining` how many keys
+// it has yet to yield; finding one more than that means keys were deleted and added.
 struct DictionaryIter {
     PyObject_HEAD
     PyObject* dictionary;
     Py_ssize_t position;
     bool done;
+    Py_ssize_t size;
+    Py_ssize_t remaining;
 };
 
 PyObject* g_type = nullptr;
@@ -191,7 +196,8 @@ PyObject* repr(PyObject* self) {
 }
 
 PyObject* iter(PyObject* self) {
-    if (!innerOf(self)) return nullptr;
+    PyObject* inner = innerOf(self);
+    if (!inner) return nullptr;
     auto* type = reinterpret_cast<PyTypeObject*>(g_iterType);
     auto alloc = reinterpret_cast<allocfunc>(PyType_GetSlot(type, Py_tp_alloc));
     PyObject* it = alloc(type, 0);
@@ -200,6 +206,7 @@ PyObject* iter(PyObject* self) {
     i->dictionary = Py_NewRef(self);
     i->position = 0;
     i->done = false;
+    i->size = i->remaining = PyDict_Size(inner);
     return it;
 }
 
@@ -288,10 +295,21 @@ PyObject* iterNext(PyObject* self) {
     auto* it = reinterpret_cast<DictionaryIter*>(self);
     if (it->done || !it->dictionary) return nullptr;
     DictionaryState* s = reinterpret_cast<VeltraDictionary*>(it->dictionary)->state;
+    if (s && s->dict && PyDict_Size(s->dict) != it->size) {
+        it->size = -1;
+        return fail(PyExc_RuntimeError, "dictionary changed size during iteration");
+    }
     PyObject *key, *value;
-    if (s && s->dict && PyDict_Next(s->dict, &it->position, &key, &value)) return Py_NewRef(key);
-    it->done = true;  // exhausted for good
-    return nullptr;
+    if (!s || !s->dict || !PyDict_Next(s->dict, &it->position, &key, &value)) {
+        it->done = true;  // exhausted for good
+        return nullptr;
+    }
+    if (it->remaining == 0) {
+        it->done = true;
+        return fail(PyExc_RuntimeError, "dictionary keys changed during iteration");
+    }
+    --it->remaining;
+    return Py_NewRef(key);
 }
 
 PyMethodDef g_methods[] = {

@@ -234,6 +234,35 @@ def test_a_dictionary_holding_itself_is_refused_with_recursion_error():
         py_pb.py_to_serialized_str((d,))
 
 
+def _walk(mapping, change):
+    """The keys iteration yields while `change(mapping, key)` runs at each, and how it ended."""
+    seen = []
+    try:
+        for k in mapping:
+            seen.append(k)
+            if len(seen) > 10:
+                return seen, "runaway"
+            change(mapping, k)
+    except RuntimeError as e:
+        return seen, str(e)
+    return seen, "done"
+
+
+@pytest.mark.parametrize(
+    "change",
+    [
+        lambda m, k: m.__setitem__(k + "x", 1),
+        lambda m, k: (m.__delitem__(k), m.__setitem__(k, 1)) if k == "a" else None,
+        lambda m, k: m.__delitem__(k),
+        lambda m, k: m.clear(),
+        lambda m, k: m.__setitem__(k, 2),
+    ],
+    ids=["add", "delete-and-add-again", "delete", "clear", "assign"],
+)
+def test_changing_a_dictionary_while_iterating_over_it_behaves_as_for_a_dict(change):
+    assert _walk(veltra.dictionary(a=0, b=0, c=0), change) == _walk({"a": 0, "b": 0, "c": 0}, change)
+
+
 class _Interrupting:
     def __init__(self, error=KeyboardInterrupt):
         self.error = error
