@@ -27,6 +27,11 @@ constexpr char kShapes[] = "dimensions of the key and value must be the same, or
 constexpr char kPairSize[] = "invalid number of elements in object to be converted to a VELTRA dictionary: ";
 constexpr char kNoContents[] = "unable to iterate over veltra.dictionary object";
 constexpr char kKeyKinds[] = "keys of a dictionary passed to VELTRA must be all str or all numbers, not ";
+constexpr char kBeyondInt64[] =
+    " does not fit the int64 keys of an engine dictionary: keep int keys from -2**63 to 2**63-1, or use str keys";
+constexpr char kNotADouble[] =
+    " is not exactly a double, and number keys go as doubles when one of them is a float: use int keys only "
+    "(from -2**63 to 2**63-1), or str keys";
 
 struct DictionaryIds {
     VeltraClassIdentifier cls{"dictionary"};
@@ -86,16 +91,57 @@ KeyKind kindOf(PyObject* key) {
     return KeyKind::None;
 }
 
-// Number keys as one N-by-1 array of T, each read by `read` (which fails returning -1 with an error set).
+// Number keys as one N-by-1 array of T, each read by `read(key, out)`, which fails returning false with an
+// error set.
 template <typename T, typename Read>
 std::optional<Array> numericKeys(ArrayFactory& f, const std::vector<PyObject*>& keys, Read read) {
     Array a = f.createArray(foundation::veltradata::ElementKind<T>::value, {keys.size(), 1});
     auto* out = reinterpret_cast<T*>(foundation::veltradata::mutableElementBytes(a));
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-        out[i] = read(keys[i]);
-        if (out[i] == T(-1) && PyErr_Occurred()) return failed();
-    }
+    for (std::size_t i = 0; i < keys.size(); ++i)
+        if (!read(keys[i], out[i])) return failed();
     return a;
+}
+
+// A key the int64 array cannot hold is refused rather than cut.
+bool int64Key(PyObject* key, std::int64_t& out) {
+    int overflow = 0;
+    const long long v = PyLong_AsLongLongAndOverflow(key, &overflow);
+    if (v == -1 && PyErr_Occurred()) return false;
+    if (overflow) return fail(PyExc_ValueError, "dictionary key " + pyutil::shortRepr(key) + kBeyondInt64);
+    out = v;
+    return true;
+}
+
+// A key the double array would round is refused: it would come back as another number, or as the same key
+// as its neighbour.
+bool doubleKey(PyObject* key, double& out) {
+    if (PyFloat_Check(key)) {
+        out = PyFloat_AsDouble(key);  // a float's own value, which cannot fail
+        return true;
+    }
+    int exact = 0;
+    int overflow = 0;
+    const long long v = PyLong_AsLongLongAndOverflow(key, &overflow);
+    if (v == -1 && PyErr_Occurred()) return false;
+    if (!overflow) {
+        out = static_cast<double>(v);
+        constexpr long long kWhole = 1LL << 53;  // every int this far from 0 is a double
+        exact = (v >= -kWhole && v <= kWhole) || (out < 0x1p63 && static_cast<long long>(out) == v);
+    } else {
+        out = PyLong_AsDouble(key);
+        if (out == -1.0 && PyErr_Occurred()) {
+            if (!pyutil::clearOrdinary()) return false;  // OverflowError: beyond every double
+        } else {
+            // Both of type int exactly, so == is the integers' own.
+            const Ref whole = Ref::steal(PyNumber_Index(key));
+            const Ref back = whole ? Ref::steal(PyLong_FromDouble(out)) : Ref();
+            if (!back) return false;
+            exact = PyObject_RichCompareBool(whole.get(), back.get(), Py_EQ);
+            if (exact < 0) return false;
+        }
+    }
+    if (!exact) return fail(PyExc_ValueError, "dictionary key " + pyutil::shortRepr(key) + kNotADouble);
+    return true;
 }
 
 // The keys as one N-by-1 array of the kind they all share: str, bool, or numbers (int, with a float among
@@ -121,8 +167,8 @@ std::optional<Array> keysArray(ArrayFactory& f, const std::vector<PyObject*>& ke
             }
             return Array(f.createStringArray({n, 1}, std::move(texts)));
         }
-        case KeyKind::Int: return numericKeys<std::int64_t>(f, keys, PyLong_AsLongLong);
-        case KeyKind::Float: return numericKeys<double>(f, keys, PyFloat_AsDouble);
+        case KeyKind::Int: return numericKeys<std::int64_t>(f, keys, int64Key);
+        case KeyKind::Float: return numericKeys<double>(f, keys, doubleKey);
         case KeyKind::Bool: {
             Array a = f.createArray(ArrayType::LOGICAL, {n, 1});
             std::uint8_t* out = foundation::veltradata::mutableElementBytes(a);

@@ -263,6 +263,17 @@ def test_changing_a_dictionary_while_iterating_over_it_behaves_as_for_a_dict(cha
     assert _walk(veltra.dictionary(a=0, b=0, c=0), change) == _walk({"a": 0, "b": 0, "c": 0}, change)
 
 
+def test_number_keys_go_only_when_the_key_array_holds_them_exactly():
+    ok = {2**53: "a", -2**60: "b", 0.5: "c"}  # a double holds each exactly
+    [back] = roundtrip(veltra.dictionary(ok), veltra.dictionary({2**63 - 1: 1, -2**63: 2}))[:1]
+    assert back.todict() == ok
+    for keys, culprit in [([2**53, 2**53 + 1, 0.5], 2**53 + 1), ([1.5, 10**400], 10**400), ([1, 2**63], 2**63),
+                          ([-2**63 - 1], -2**63 - 1)]:
+        with pytest.raises(ValueError) as e:
+            py_pb.py_to_serialized_str((collections.OrderedDict.fromkeys(keys, 0),))
+        assert repr(culprit)[:50] in str(e.value) and "str keys" in str(e.value)
+
+
 class _Interrupting:
     def __init__(self, error=KeyboardInterrupt):
         self.error = error
