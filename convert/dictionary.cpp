@@ -1,5 +1,6 @@
 #include "convert/dictionary.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "convert/recursion_guard.h"
 #include "convert/text.h"
 #include "types/dictionary.h"
+#include "types/object.h"
 
 namespace PythonVeltraDataArray::detail {
 
@@ -189,6 +191,103 @@ std::uint64_t keyCount(const Array& a) {
     return s.hasField("Keys") ? s["Keys"].getNumberOfElements() : 0;
 }
 
+// Whether type is exactly one of the time scalar types (datetime.datetime, numpy.datetime64 ...), none of
+// whose values can change: 1 yes, 0 no, -1 with an error set. The types are looked up where they live, so that
+// a class merely named alike does not pass; a module not imported has made none.
+int isTimeScalarType(PyTypeObject* type) {
+    struct Home {
+        const char* module;
+        std::vector<const char*> types;
+    };
+    static const Home kHomes[] = {{"datetime", {"datetime", "date", "time", "timedelta"}},
+                                  {"numpy", {"datetime64", "timedelta64"}}};
+    for (const Home& home : kHomes) {
+        const Ref name = Ref::steal(PyUnicode_FromString(home.module));
+        const Ref module = name ? Ref::steal(PyImport_GetModule(name.get())) : Ref();
+        if (!module) {
+            if (PyErr_Occurred()) return -1;
+            continue;
+        }
+        for (const char* t : home.types) {
+            const Ref candidate = Ref::steal(PyObject_GetAttrString(module.get(), t));
+            if (!candidate && !pyutil::clearOrdinary()) return -1;
+            if (candidate.get() == reinterpret_cast<PyObject*>(type)) return 1;
+        }
+    }
+    return 0;
+}
+
+// What one walk over a dictionary's values has learnt, so that it asks about a type once.
+struct Walk {
+    Ref objectType;             // veltra.object
+    std::vector<Ref> fixed;     // time scalar types met
+    std::vector<Ref> notFixed;  // other types met
+};
+
+// Whether v cannot change and holds nothing that can: a number, str, bytes, None, a time scalar or a
+// veltra.object (which never changes once made). 1 yes, 0 no, -1 with an error set.
+int fixedScalar(PyObject* v, Walk& walk) {
+    if (v == Py_None || PyBool_Check(v) || PyLong_CheckExact(v) || PyFloat_CheckExact(v) || PyUnicode_CheckExact(v) ||
+        PyComplex_CheckExact(v) || PyBytes_CheckExact(v))
+        return 1;
+    if (PyList_Check(v) || PyDict_Check(v)) return 0;
+    PyObject* type = reinterpret_cast<PyObject*>(Py_TYPE(v));
+    const auto met = [type](const std::vector<Ref>& types) {
+        return std::any_of(types.begin(), types.end(), [type](const Ref& t) { return t.get() == type; });
+    };
+    if (met(walk.fixed)) return 1;
+    if (met(walk.notFixed)) return 0;
+    if (!walk.objectType) {
+        walk.objectType = Ref::steal(types::objectType());
+        if (!walk.objectType) return -1;
+    }
+    const int fixed = type == walk.objectType.get() ? 1 : isTimeScalarType(Py_TYPE(v));
+    if (fixed < 0) return -1;
+    (fixed ? walk.fixed : walk.notFixed).push_back(Ref::borrow(type));
+    return fixed;
+}
+
+constexpr int kNestingChecked = 32;  // deeper values are written anew: correct, only slower
+int mayGoAsItCame(PyObject* pairs, const Array& source, bool valuesFixed, Walk& walk, int depth);
+
+// Whether nothing reachable from a value read from the engine can have changed since: 1 yes, 0 no, -1 with
+// an error set. Fixed scalars cannot, nor a tuple of such; a veltra.dictionary is asked the same about itself;
+// a list, dict or array may have been changed in place.
+int unchangeable(PyObject* v, Walk& walk, int depth) {
+    if (PyTuple_CheckExact(v)) {
+        if (depth >= kNestingChecked) return 0;
+        for (Py_ssize_t i = 0, n = PyTuple_Size(v); i < n; ++i) {
+            const int fixed = unchangeable(PyTuple_GetItem(v, i), walk, depth + 1);
+            if (fixed != 1) return fixed;
+        }
+        return 1;
+    }
+    PyObject* pairs = nullptr;
+    std::optional<Array> source;
+    bool valuesFixed = false;
+    if (types::dictionaryContents(v, pairs, source, valuesFixed))
+        return pairs && source ? mayGoAsItCame(pairs, *source, valuesFixed, walk, depth + 1) : 0;
+    return fixedScalar(v, walk);
+}
+
+// Whether a veltra.dictionary read from the engine may go back as the array it came as (the caller has that
+// array only while no item was assigned or deleted): 1 yes, 0 no, -1 with an error set. Not when clear()
+// emptied it (which leaves that as it is), nor when a value may have been changed in place. Values found
+// fixed when read need no second look: only assignment and deletion replace them.
+int mayGoAsItCame(PyObject* pairs, const Array& source, bool valuesFixed, Walk& walk, int depth) {
+    if (PyDict_Size(pairs) != static_cast<Py_ssize_t>(keyCount(source))) return 0;
+    if (valuesFixed) return 1;
+    if (depth >= kNestingChecked) return 0;
+    const Ref hold = Ref::borrow(pairs);
+    Py_ssize_t pos = 0;
+    PyObject *key, *value;
+    while (PyDict_Next(pairs, &pos, &key, &value)) {
+        const int fixed = unchangeable(Ref::borrow(value).get(), walk, depth);
+        if (fixed != 1) return fixed;
+    }
+    return 1;
+}
+
 // Element i of a keys or values array as a Python object; null with an error set.
 PyObject* elementToPython(const Array& a, std::uint64_t i) {
     switch (a.getType()) {
@@ -224,10 +323,13 @@ std::optional<Array> PyDictionaryToDictionary::doConvert(PyObject* obj, const Co
 
     PyObject* veltraPairs = nullptr;
     std::optional<Array> unchanged;
-    if (types::dictionaryContents(obj, veltraPairs, unchanged)) {
+    bool valuesFixed = false;
+    if (types::dictionaryContents(obj, veltraPairs, unchanged, valuesFixed)) {
         if (!veltraPairs) return fail(PyExc_ValueError, kNoContents);
-        // As it came, unless clear() emptied it, which leaves the unchanged flag as it is.
-        if (unchanged && PyDict_Size(veltraPairs) == static_cast<Py_ssize_t>(keyCount(*unchanged))) return unchanged;
+        Walk walk;
+        const int asItCame = unchanged ? mayGoAsItCame(veltraPairs, *unchanged, valuesFixed, walk, 0) : 0;
+        if (asItCame < 0) return failed();
+        if (asItCame) return unchanged;
     }
     const Ref pairs = pairsOf(obj, veltraPairs);
     if (!pairs) return failed();
@@ -285,6 +387,8 @@ PyObject* dictionaryToPython(const Array& a) {
 
     Ref dict = Ref::steal(PyDict_New());
     if (!dict) return nullptr;
+    Walk walk;
+    bool valuesFixed = true;  // until a value that may change is met
     if (payload.getType() == ArrayType::STRUCT && payload.getNumberOfElements() == 1) {
         const Struct s = payload[0].getValue<Struct>();
         if (!s.hasField("Keys") || !s.hasField("Values")) return fail(PyExc_ValueError, kNotSupported);
@@ -297,11 +401,16 @@ PyObject* dictionaryToPython(const Array& a) {
             Ref key = Ref::steal(elementToPython(keys, i));
             Ref value = key ? Ref::steal(elementToPython(values, nv == 1 ? 0 : i)) : Ref();
             if (!value || PyDict_SetItem(dict.get(), key.get(), value.get()) < 0) return nullptr;
+            if (valuesFixed) {
+                const int fixed = fixedScalar(value.get(), walk);
+                if (fixed < 0) return nullptr;
+                valuesFixed = fixed == 1;
+            }
         }
     } else if (!(payload.isEmpty() || payload.getType() == ArrayType::CHAR)) {
         return fail(PyExc_ValueError, kNotSupported);  // "Unconfigured", or nothing at all: empty
     }
-    return types::newDictionaryFromEngine(dict.release(), a);
+    return types::newDictionaryFromEngine(dict.release(), a, valuesFixed);
 }
 
 }  // namespace PythonVeltraDataArray::detail

@@ -24,8 +24,8 @@ struct DictionaryState {
     foundation::veltradata::ClientArrayFactory factory;
     PyObject* dict = nullptr;                                // the pairs (strong reference)
     std::optional<foundation::veltradata::Array> source;    // the engine dictionary it came as, if any
-    unsigned char reserved = 0;
-    unsigned char unchanged = 0;  // cleared by item assignment and deletion only
+    unsigned char valuesFixed = 0;  // set for an engine dictionary whose values cannot change in place
+    unsigned char unchanged = 0;    // cleared by item assignment and deletion only
 };
 
 struct VeltraDictionary {
@@ -358,7 +358,7 @@ PyType_Spec g_iterSpec = {"veltra.dictionary_iter", static_cast<int>(sizeof(Dict
 
 }  // namespace
 
-PyObject* newDictionaryFromEngine(PyObject* pairs, const foundation::veltradata::Array& source) {
+PyObject* newDictionaryFromEngine(PyObject* pairs, const foundation::veltradata::Array& source, bool valuesFixed) {
     Ref owned = Ref::steal(pairs);
     if (!owned) return nullptr;
     if (!g_type) {
@@ -375,15 +375,21 @@ PyObject* newDictionaryFromEngine(PyObject* pairs, const foundation::veltradata:
     d->state->dict = owned.release();
     d->state->source = source;
     d->state->unchanged = 1;
+    d->state->valuesFixed = valuesFixed;
     return self.release();
 }
 
-bool dictionaryContents(PyObject* obj, PyObject*& pairs, std::optional<foundation::veltradata::Array>& unchangedSource) {
+bool dictionaryContents(PyObject* obj, PyObject*& pairs, std::optional<foundation::veltradata::Array>& unchangedSource,
+                        bool& valuesFixed) {
     if (!isDictionary(obj)) return false;
     const DictionaryState* s = reinterpret_cast<VeltraDictionary*>(obj)->state;
     pairs = s ? s->dict : nullptr;
     unchangedSource.reset();
-    if (s && s->unchanged && s->source) unchangedSource = s->source;
+    valuesFixed = false;
+    if (s && s->unchanged && s->source) {
+        unchangedSource = s->source;
+        valuesFixed = s->valuesFixed != 0;
+    }
     return true;
 }
 
