@@ -7,14 +7,18 @@
 namespace PythonVeltraDataArray::types {
 
 PyObject* richCompare(PyObject* self, PyObject* other, int op, const char* typeName,
-                      std::function<bool(PyObject*, PyObject*)> equal, std::function<int(PyObject*)> sameType) {
+                      std::function<int(PyObject*, PyObject*)> equal, std::function<int(PyObject*)> sameType) {
     const std::string name(typeName);
     if (sameType(other) != 1)
         return pyutil::fail(PyExc_TypeError,
                             "comparison of objects of type '" + name + "' with objects of another type not supported");
     switch (op) {
-        case Py_EQ: return PyBool_FromLong(equal(self, other));
-        case Py_NE: return PyBool_FromLong(!equal(self, other));
+        case Py_EQ:
+        case Py_NE: {
+            const int same = equal(self, other);
+            if (same < 0) return pyutil::failed();
+            return PyBool_FromLong(op == Py_EQ ? same : !same);
+        }
         case Py_LT: return pyutil::fail(PyExc_TypeError, "'" + name + "' does not support 'less than' comparison");
         case Py_LE:
             return pyutil::fail(PyExc_TypeError, "'" + name + "' does not support 'less than or equal to' comparison");

@@ -9,9 +9,10 @@
 namespace PythonVeltraDataArray::types {
 
 // `sameType(other)`: 1 when other is of the type named `typeName`. Otherwise TypeError "comparison of objects
-// of type '<typeName>' with objects of another type not supported". `equal(self, other)` decides == and !=;
-// the four orderings raise TypeError "'<typeName>' does not support 'less than' comparison" and the like.
+// of type '<typeName>' with objects of another type not supported". `equal(self, other)` decides == and !=:
+// 1 equal, 0 not, -1 with an error set (one that comparing values raised and that must pass up); the four
+// orderings raise TypeError "'<typeName>' does not support 'less than' comparison" and the like.
 PyObject* richCompare(PyObject* self, PyObject* other, int op, const char* typeName,
-                      std::function<bool(PyObject*, PyObject*)> equal, std::function<int(PyObject*)> sameType);
+                      std::function<int(PyObject*, PyObject*)> equal, std::function<int(PyObject*)> sameType);
 
 }  // namespace PythonVeltraDataArray::types

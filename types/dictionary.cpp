@@ -24,8 +24,8 @@ struct DictionaryState {
     foundation::veltradata::ClientArrayFactory factory;
     PyObject* dict = nullptr;                                // the pairs (strong reference)
     std::optional<foundation::veltradata::Array> source;    // the engine dictionary it came as, if any
-    unsigned char reserved = 0;
-    unsigned char unchanged = 0;  // cleared by item assignment and deletion only
+    unsigned char valuesFixed = 0;  // set for an engine dictionary whose values cannot change in place
+    unsigned char unchanged = 0;    // cleared by item assignment and deletion only
 };
 
 struct VeltraDictionary {
@@ -35,11 +35,16 @@ struct VeltraDictionary {
 
 // The iterator holds the dictionary itself, so that the pairs it walks cannot go away under it (and, like the
 // dictionary, takes part in garbage collection: a dictionary may hold an iterator over itself).
+// Like a dict's own iterator it notices the pairs changing under it: `size` is the count it started with (-1
+// once a change of size was reported, so that every later call reports it again), `remaining` how many keys
+// it has yet to yield; finding one more than that means keys were deleted and added.
 struct DictionaryIter {
     PyObject_HEAD
     PyObject* dictionary;
     Py_ssize_t position;
     bool done;
+    Py_ssize_t size;
+    Py_ssize_t remaining;
 };
 
 PyObject* g_type = nullptr;
@@ -71,8 +76,7 @@ bool extractMapping(PyObject* arg, Ref& hold, Extracted& out) {
     if (PyUnicode_CompareWithASCIIString(type.get(), "UserDict") == 0) {
         hold = Ref::steal(PyObject_GetAttrString(arg, "data"));
         if (!hold) {
-            if (!PyErr_ExceptionMatches(PyExc_AttributeError)) return false;
-            PyErr_Clear();
+            if (!PyErr_ExceptionMatches(PyExc_AttributeError) || !pyutil::clearOrdinary()) return false;
             out.empty = true;  // a UserDict without its data holds nothing
             return true;
         }
@@ -112,7 +116,7 @@ bool fill(DictionaryState& s, PyObject* arg, PyObject* kwargs) {
         PyObject *key, *value;
         while (PyDict_Next(kwargs, &pos, &key, &value)) {
             if (PyDict_SetItem(s.dict, key, value) < 0) {
-                PyErr_Clear();
+                if (!pyutil::clearOrdinary()) return false;
                 return fail(PyExc_TypeError, "unable to set element at offset " + std::to_string(pos - 1));
             }
         }
@@ -192,7 +196,8 @@ PyObject* repr(PyObject* self) {
 }
 
 PyObject* iter(PyObject* self) {
-    if (!innerOf(self)) return nullptr;
+    PyObject* inner = innerOf(self);
+    if (!inner) return nullptr;
     auto* type = reinterpret_cast<PyTypeObject*>(g_iterType);
     auto alloc = reinterpret_cast<allocfunc>(PyType_GetSlot(type, Py_tp_alloc));
     PyObject* it = alloc(type, 0);
@@ -201,6 +206,7 @@ PyObject* iter(PyObject* self) {
     i->dictionary = Py_NewRef(self);
     i->position = 0;
     i->done = false;
+    i->size = i->remaining = PyDict_Size(inner);
     return it;
 }
 
@@ -232,34 +238,29 @@ PyObject* methodValues(PyObject* self, PyObject*) {
 // ---- comparison ----
 
 // Same size, and every pair of the first found in the second with a value of the same type or a subtype of
-// it that compares equal: not symmetric when one value's type derives from the other's, on purpose. Errors
-// raised while comparing values count as "not equal".
-bool equal(PyObject* a, PyObject* b) {
-    if (!isDictionary(a) || !isDictionary(b)) return false;  // an impostor that only carries the name
+// it that compares equal: not symmetric when one value's type derives from the other's, on purpose. Ordinary
+// errors raised while looking up or comparing count as "not equal"; any other (KeyboardInterrupt ...) passes
+// up, -1.
+int equal(PyObject* a, PyObject* b) {
+    if (!isDictionary(a) || !isDictionary(b)) return 0;  // an impostor that only carries the name
     PyObject* x = reinterpret_cast<VeltraDictionary*>(a)->state ? reinterpret_cast<VeltraDictionary*>(a)->state->dict : nullptr;
     PyObject* y = reinterpret_cast<VeltraDictionary*>(b)->state ? reinterpret_cast<VeltraDictionary*>(b)->state->dict : nullptr;
-    if (!x || !y) return false;
-    if (PyDict_Size(x) != PyDict_Size(y)) return false;
+    if (!x || !y) return 0;
+    if (PyDict_Size(x) != PyDict_Size(y)) return 0;
     const Ref holdX = Ref::borrow(x), holdY = Ref::borrow(y);
+    const auto notEqual = [] { return pyutil::clearOrdinary() ? 0 : -1; };
     Py_ssize_t pos = 0;
     PyObject *key, *value;
     while (PyDict_Next(x, &pos, &key, &value)) {
         // Comparing runs Python code, which may change either dict: hold what is compared.
         const Ref k = Ref::borrow(key), v = Ref::borrow(value);
         PyObject* other = PyDict_GetItemWithError(y, k.get());
-        if (!other) {
-            PyErr_Clear();
-            return false;
-        }
+        if (!other) return notEqual();
         const Ref w = Ref::borrow(other);
-        if (!PyType_IsSubtype(Py_TYPE(w.get()), Py_TYPE(v.get()))) return false;
-        const int same = PyObject_RichCompareBool(v.get(), w.get(), Py_EQ);
-        if (same != 1) {
-            PyErr_Clear();
-            return false;
-        }
+        if (!PyType_IsSubtype(Py_TYPE(w.get()), Py_TYPE(v.get()))) return 0;
+        if (PyObject_RichCompareBool(v.get(), w.get(), Py_EQ) != 1) return notEqual();
     }
-    return true;
+    return 1;
 }
 
 PyObject* compare(PyObject* self, PyObject* other, int op) {
@@ -294,10 +295,21 @@ PyObject* iterNext(PyObject* self) {
     auto* it = reinterpret_cast<DictionaryIter*>(self);
     if (it->done || !it->dictionary) return nullptr;
     DictionaryState* s = reinterpret_cast<VeltraDictionary*>(it->dictionary)->state;
+    if (s && s->dict && PyDict_Size(s->dict) != it->size) {
+        it->size = -1;
+        return fail(PyExc_RuntimeError, "dictionary changed size during iteration");
+    }
     PyObject *key, *value;
-    if (s && s->dict && PyDict_Next(s->dict, &it->position, &key, &value)) return Py_NewRef(key);
-    it->done = true;  // exhausted for good
-    return nullptr;
+    if (!s || !s->dict || !PyDict_Next(s->dict, &it->position, &key, &value)) {
+        it->done = true;  // exhausted for good
+        return nullptr;
+    }
+    if (it->remaining == 0) {
+        it->done = true;
+        return fail(PyExc_RuntimeError, "dictionary keys changed during iteration");
+    }
+    --it->remaining;
+    return Py_NewRef(key);
 }
 
 PyMethodDef g_methods[] = {
@@ -346,7 +358,7 @@ PyType_Spec g_iterSpec = {"veltra.dictionary_iter", static_cast<int>(sizeof(Dict
 
 }  // namespace
 
-PyObject* newDictionaryFromEngine(PyObject* pairs, const foundation::veltradata::Array& source) {
+PyObject* newDictionaryFromEngine(PyObject* pairs, const foundation::veltradata::Array& source, bool valuesFixed) {
     Ref owned = Ref::steal(pairs);
     if (!owned) return nullptr;
     if (!g_type) {
@@ -363,15 +375,21 @@ PyObject* newDictionaryFromEngine(PyObject* pairs, const foundation::veltradata:
     d->state->dict = owned.release();
     d->state->source = source;
     d->state->unchanged = 1;
+    d->state->valuesFixed = valuesFixed;
     return self.release();
 }
 
-bool dictionaryContents(PyObject* obj, PyObject*& pairs, std::optional<foundation::veltradata::Array>& unchangedSource) {
+bool dictionaryContents(PyObject* obj, PyObject*& pairs, std::optional<foundation::veltradata::Array>& unchangedSource,
+                        bool& valuesFixed) {
     if (!isDictionary(obj)) return false;
     const DictionaryState* s = reinterpret_cast<VeltraDictionary*>(obj)->state;
     pairs = s ? s->dict : nullptr;
     unchangedSource.reset();
-    if (s && s->unchanged && s->source) unchangedSource = s->source;
+    valuesFixed = false;
+    if (s && s->unchanged && s->source) {
+        unchangedSource = s->source;
+        valuesFixed = s->valuesFixed != 0;
+    }
     return true;
 }
 

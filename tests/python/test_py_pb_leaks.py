@@ -145,11 +145,20 @@ def _dictionaries():
     d = veltra.dictionary({"a": [1]}, b=big_text)
     for source in (collections.OrderedDict(x=1), collections.UserDict(x=1), collections.ChainMap({"x": 1}, {"y": 2}), d):
         veltra.dictionary(source)
-    sent = py_pb.py_to_serialized_str((d, collections.OrderedDict([(1, big_bytes), (2.5, [1])]), veltra.dictionary()))
-    back, *_ = py_pb.serialized_str_to_py(loopback(sent))
-    py_pb.py_to_serialized_str((back,))  # unchanged: the array it came as
+    fixed = veltra.dictionary(t=big_text, inner=veltra.dictionary(x=1.5))
+    sent = py_pb.py_to_serialized_str((d, collections.OrderedDict([(1, big_bytes), (2.5, [1])]), veltra.dictionary(),
+                                       fixed))
+    back, *_, fixed_back = py_pb.serialized_str_to_py(loopback(sent))
+    py_pb.py_to_serialized_str((back, fixed_back))  # written anew (a list inside), and as it came
+    back["a"].append(big_text)
     back["new"] = 1
     py_pb.py_to_serialized_str((back,))
+    for keys in ({2**53 + 1: big_bytes, 0.5: big_text}, {1: big_bytes, 2**64: big_text}):
+        with pytest.raises(ValueError):
+            py_pb.py_to_serialized_str((veltra.dictionary(keys),))
+    with pytest.raises(RuntimeError):
+        for k in back:
+            back[k + "x"] = big_text
     d["c"] = d
     d["it"] = iter(d)
     small = veltra.dictionary()

@@ -2,8 +2,11 @@
 compares."""
 
 import collections
+import collections.abc
+import datetime as dt
 import types
 
+import numpy as np
 import pytest
 
 import py_pb
@@ -231,3 +234,122 @@ def test_a_dictionary_holding_itself_is_refused_with_recursion_error():
     d["me"] = d
     with pytest.raises(RecursionError):
         py_pb.py_to_serialized_str((d,))
+
+
+@pytest.mark.parametrize(
+    "value, change",
+    [
+        ([1, 2], lambda v: v.append(3)),
+        ({"f": 1.0}, lambda v: v.__setitem__("g", 2.0)),
+        (np.array([1.0, 2.0]), lambda v: v.__setitem__((0, 1), 5.0)),
+        (np.array(["2020-01-01", "2021-01-01"], "datetime64[ms]"), lambda v: v.__setitem__(0, np.datetime64(0, "ms"))),
+        (veltra.dictionary(x=1.0), lambda v: v.__setitem__("x", 2.0)),
+        (veltra.dictionary(x=[1]), lambda v: v["x"].append(2)),
+    ],
+    ids=["list", "struct", "array", "datetimes", "dictionary", "list-in-dictionary"],
+)
+def test_a_dictionary_read_back_sends_what_it_holds_after_changes_inside_its_values(value, change):
+    [d] = roundtrip(veltra.dictionary(s="fixed", when=dt.datetime(2020, 1, 2), k=value))
+    change(d["k"])
+    assert sent(d) == sent(_anew(d))
+
+
+def _anew(value):
+    """The same pairs in dictionaries made here, nested ones too: always written anew."""
+    if type(value) is veltra.dictionary:
+        return veltra.dictionary({k: _anew(v) for k, v in value.items()})
+    return value
+
+
+def test_an_unchanged_dictionary_of_unchangeable_values_goes_back_as_it_came():
+    inner = _engine_dictionary(strings(["x"], (1, 1)), numeric(DOUBLE, [1], (1, 1)))
+    engine = _engine_dictionary(strings(["a", "b", "c"], (3, 1)),
+                                cell([char("text"), inner, numeric(INT32, [7])], (3, 1)), False)
+    d = read_one(engine)
+    assert params((d,)).rhs[0].SerializeToString() == engine.SerializeToString()
+    d["b"]["x"] = 1.0  # the same value, assigned inside: the whole is written anew
+    assert params((d,)).rhs[0].SerializeToString() != engine.SerializeToString()
+
+
+def _walk(mapping, change):
+    """The keys iteration yields while `change(mapping, key)` runs at each, and how it ended."""
+    seen = []
+    try:
+        for k in mapping:
+            seen.append(k)
+            if len(seen) > 10:
+                return seen, "runaway"
+            change(mapping, k)
+    except RuntimeError as e:
+        return seen, str(e)
+    return seen, "done"
+
+
+@pytest.mark.parametrize(
+    "change",
+    [
+        lambda m, k: m.__setitem__(k + "x", 1),
+        lambda m, k: (m.__delitem__(k), m.__setitem__(k, 1)) if k == "a" else None,
+        lambda m, k: m.__delitem__(k),
+        lambda m, k: m.clear(),
+        lambda m, k: m.__setitem__(k, 2),
+    ],
+    ids=["add", "delete-and-add-again", "delete", "clear", "assign"],
+)
+def test_changing_a_dictionary_while_iterating_over_it_behaves_as_for_a_dict(change):
+    assert _walk(veltra.dictionary(a=0, b=0, c=0), change) == _walk({"a": 0, "b": 0, "c": 0}, change)
+
+
+def test_number_keys_go_only_when_the_key_array_holds_them_exactly():
+    ok = {2**53: "a", -2**60: "b", 0.5: "c"}  # a double holds each exactly
+    [back] = roundtrip(veltra.dictionary(ok), veltra.dictionary({2**63 - 1: 1, -2**63: 2}))[:1]
+    assert back.todict() == ok
+    for keys, culprit in [([2**53, 2**53 + 1, 0.5], 2**53 + 1), ([1.5, 10**400], 10**400), ([1, 2**63], 2**63),
+                          ([-2**63 - 1], -2**63 - 1)]:
+        with pytest.raises(ValueError) as e:
+            py_pb.py_to_serialized_str((collections.OrderedDict.fromkeys(keys, 0),))
+        assert repr(culprit)[:50] in str(e.value) and "str keys" in str(e.value)
+
+
+class _Interrupting:
+    def __init__(self, error=KeyboardInterrupt):
+        self.error = error
+
+    def __eq__(self, other):
+        raise self.error
+
+    def __hash__(self):
+        return 1
+
+    def __len__(self):
+        raise self.error
+
+
+class _PairsOf(collections.abc.Mapping):
+    def __init__(self, pairs):
+        self.pairs = pairs
+
+    def __getitem__(self, key):
+        raise KeyError(key)
+
+    def __iter__(self):
+        return iter(())
+
+    def __len__(self):
+        return len(self.pairs)
+
+    def items(self):
+        return self.pairs
+
+
+def test_interrupts_pass_through_comparison_and_conversion_while_ordinary_errors_mean_not_equal():
+    for make in (lambda e: veltra.dictionary(k=_Interrupting(e)), lambda e: veltra.dictionary({_Interrupting(e): 1})):
+        with pytest.raises(KeyboardInterrupt):
+            make(KeyboardInterrupt) == make(KeyboardInterrupt)
+        with pytest.raises(SystemExit):
+            make(SystemExit) != make(SystemExit)
+        assert not make(ValueError) == make(ValueError) and make(ValueError) != make(ValueError)
+    with pytest.raises(KeyboardInterrupt):
+        py_pb.py_to_serialized_str((_PairsOf([_Interrupting()]),))
+    with pytest.raises(ValueError, match="^invalid number of elements"):
+        py_pb.py_to_serialized_str((_PairsOf([_Interrupting(ValueError)]),))
