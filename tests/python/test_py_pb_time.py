@@ -136,12 +136,13 @@ def test_numpy_scalars_travel_as_their_text(value, text):
 
 
 def _layouts(a):
-    """a, a strided and transposed view, byte-swapped, and unaligned copies of it and of one element (0-d)."""
+    """a, a strided and transposed view, its values stored byte-swapped, and unaligned copies of it and of one
+    element (0-d)."""
     def unaligned(x):
         b = np.frombuffer(bytearray(x.nbytes + 1), dtype=x.dtype, offset=1, count=x.size).reshape(x.shape)
         b[...] = x
         return b
-    return [a, a.transpose(2, 0, 1)[:, ::2], a.astype(a.dtype.newbyteorder(">")), unaligned(a),
+    return [a, a.transpose(2, 0, 1)[:, ::2], a.byteswap().view(a.dtype.newbyteorder()), unaligned(a),
             unaligned(a[:1, :1, :1].reshape(()))]
 
 
