@@ -3,6 +3,8 @@ datetimes and durations the peer writes, and round trips through the loopback.""
 
 import datetime as dt
 import math
+import os
+import warnings
 import zoneinfo
 
 import numpy as np
@@ -89,6 +91,66 @@ def test_pandas_and_numpy_agree_with_the_standard_library():
     assert sent(pd.Timestamp(stdlib)) == sent(stdlib)
     assert sent(pd.Timedelta(days=2, microseconds=3500)) == sent(dt.timedelta(days=2, microseconds=3500))
     assert sent(np.timedelta64(2 * 86400 * 10**6 + 3500, "us")) == sent(dt.timedelta(days=2, microseconds=3500))
+
+
+NEW_YORK = zoneinfo.ZoneInfo("America/New_York")
+
+
+@pytest.mark.parametrize(
+    "value, zone",
+    [
+        (dt.datetime(2024, 11, 3, 1, 30, fold=1, tzinfo=NEW_YORK), "-05:00:00"),  # the second 1:30
+        (pd.Timestamp(dt.datetime(2024, 11, 3, 1, 30, fold=1, tzinfo=NEW_YORK)), "-05:00:00"),
+        (dt.datetime(2024, 3, 10, 2, 30, fold=1, tzinfo=NEW_YORK), "-04:00:00"),  # the later side of a gap
+        (dt.datetime(2024, 11, 3, 1, 30, fold=0, tzinfo=NEW_YORK), "America/New_York"),
+        (dt.datetime(2024, 7, 3, 1, 30, fold=1, tzinfo=NEW_YORK), "America/New_York"),  # a fold that changes nothing
+    ],
+)
+def test_a_fold_the_zone_name_cannot_tell_travels_as_its_offset(value, zone):
+    _, p = props(value)
+    assert p["TimeZone"] == (STRING, (1, 1), [zone])
+    [back] = roundtrip(value)
+    assert back.timestamp() == value.timestamp()
+    assert back.replace(tzinfo=None) == value.replace(tzinfo=None)
+
+
+def _keyless_zone():
+    for base in zoneinfo.TZPATH:
+        path = os.path.join(base, "Europe", "Paris")
+        if os.path.isfile(path):
+            with open(path, "rb") as f:
+                return zoneinfo.ZoneInfo.from_file(f)
+    tzdata = pytest.importorskip("importlib.resources").files("tzdata") / "zoneinfo" / "Europe" / "Paris"
+    with tzdata.open("rb") as f:
+        return zoneinfo.ZoneInfo.from_file(f)
+
+
+def _raises(error):
+    def get(self):
+        raise error
+    return property(get)
+
+
+# A ZoneInfo by its type's name whose key cannot be read.
+InterruptedZone = type("ZoneInfo", (dt.tzinfo,), {"__module__": "zoneinfo", "key": _raises(KeyboardInterrupt),
+                                                  "utcoffset": lambda self, d: dt.timedelta(0)})
+
+
+@pytest.mark.parametrize(
+    "value, exc",
+    [
+        (dt.datetime(2024, 1, 1, tzinfo=_keyless_zone()), TypeError),
+        (dt.datetime(2024, 1, 1, tzinfo=tz(seconds=0.5)), TypeError),
+        # -03:30 would read back as -02:30: the sign of an offset text is its hours'
+        (dt.datetime(2024, 11, 3, 1, 30, fold=1, tzinfo=zoneinfo.ZoneInfo("America/St_Johns")), TypeError),
+        (dt.datetime(2024, 1, 1, tzinfo=InterruptedZone()), KeyboardInterrupt),
+    ],
+)
+def test_zones_that_cannot_cross_exactly_are_refused(value, exc):
+    with pytest.raises(exc) as e:
+        py_pb.py_to_serialized_str((value,))
+    if exc is TypeError:  # the value, and a way out
+        assert repr(value)[:60] in str(e.value) and ".astimezone(" in str(e.value)
 
 
 class OtherZone(dt.tzinfo):
