@@ -33,33 +33,86 @@ const DatetimeIds& ids() {
     return kIds;
 }
 
+// The parts of a UTC offset (a timedelta). Refuses a fraction of a second, which the zone text cannot carry.
+bool offsetParts(PyObject* dt, PyObject* offset, long long& days, long long& seconds, long long& microseconds) {
+    if (!getInt64Attribute(offset, "days", days) || !getInt64Attribute(offset, "seconds", seconds) ||
+        !getInt64Attribute(offset, "microseconds", microseconds))
+        return false;
+    if (microseconds == 0) return true;
+    return fail(PyExc_TypeError, "datetime " + pyutil::shortRepr(dt) +
+                                     " has a UTC offset with a fraction of a second, which the engine's time zone "
+                                     "cannot carry: round the offset to whole seconds, or convert the value with "
+                                     ".astimezone(datetime.timezone.utc)");
+}
+
+// For a datetime in a named zone: when its fold picks another offset than the same wall-clock time with fold 0
+// would (the second of two equal times, or the later side of a gap), the zone's name alone would move the
+// instant; `out` becomes that offset instead and `fixed` is set. The offset must also read back as itself: the
+// text's sign belongs to its hours, so a negative offset that is not whole hours is refused.
+bool foldOffset(PyObject* dt, std::u16string& out, bool& fixed) {
+    fixed = false;
+    Ref fold = Ref::steal(PyObject_GetAttrString(dt, "fold"));
+    if (!fold) return pyutil::clearOrdinary();  // no fold at all: the wall-clock time says everything
+    const int later = PyObject_IsTrue(fold.get());
+    if (later <= 0) return later == 0;
+    Ref offset = callMethod(dt, "utcoffset");
+    if (!offset) return false;
+    Ref replace = Ref::steal(PyObject_GetAttrString(dt, "replace"));
+    Ref args = Ref::steal(PyTuple_New(0));
+    Ref kwargs = Ref::steal(Py_BuildValue("{s:i}", "fold", 0));
+    if (!replace || !args || !kwargs) return false;
+    Ref twin = Ref::steal(PyObject_Call(replace.get(), args.get(), kwargs.get()));
+    Ref twinOffset = twin ? callMethod(twin.get(), "utcoffset") : Ref();
+    if (!twinOffset) return false;
+    const int same = PyObject_RichCompareBool(offset.get(), twinOffset.get(), Py_EQ);
+    if (same != 0) return same > 0;
+    long long days = 0, seconds = 0, microseconds = 0;
+    if (!offsetParts(dt, offset.get(), days, seconds, microseconds)) return false;
+    const __int128 total = static_cast<__int128>(days) * 86400 + seconds;
+    if (total < 0 && total % 3600 != 0)
+        return fail(PyExc_TypeError, "datetime " + pyutil::shortRepr(dt) +
+                                         " is the later of two equal wall-clock times (fold=1) at a UTC offset that "
+                                         "neither its zone's name nor an offset text carries exactly: convert the "
+                                         "value with .astimezone(datetime.timezone.utc)");
+    out = offsetText(days, seconds, microseconds);
+    fixed = true;
+    return true;
+}
+
 // The TimeZone text of datetime `dt`; false with the error set.
 bool timeZoneText(PyObject* dt, std::u16string& out) {
     out.clear();
     Ref tz = Ref::steal(PyObject_GetAttrString(dt, "tzinfo"));
     if (!tz) {
         if (!PyErr_ExceptionMatches(PyExc_AttributeError)) return false;
-        PyErr_Clear();  // no tzinfo at all: naive
-        return true;
+        return pyutil::clearOrdinary();  // no tzinfo at all: naive
     }
     const std::string type = pyutil::typeName(tz.get());
     if (type == "NoneType") return true;
     if (type == "zoneinfo.ZoneInfo") {
         Ref key = Ref::steal(PyObject_GetAttrString(tz.get(), "key"));
+        if (!key && !pyutil::clearOrdinary()) return false;
+        std::optional<std::u16string> name;
         if (key && PyUnicode_Check(key.get())) {
-            std::optional<std::u16string> text = pyUnicodeToUtf16(key.get());
-            if (text) out = std::move(*text);
+            name = pyUnicodeToUtf16(key.get());
+            if (!name) return false;
         }
-        PyErr_Clear();  // a key that is missing or not text: no zone name
+        // Without its name the zone cannot cross: the engine would read the time as naive.
+        if (!name || name->empty())
+            return fail(PyExc_TypeError, "datetime " + pyutil::shortRepr(dt) +
+                                             " has a zoneinfo.ZoneInfo without a key (one read from a file), which "
+                                             "the engine cannot name: make the zone with zoneinfo.ZoneInfo(name), or "
+                                             "convert the value with .astimezone(datetime.timezone.utc)");
+        bool fixed = false;
+        if (!foldOffset(dt, out, fixed)) return false;
+        if (!fixed) out = std::move(*name);
         return true;
     }
     if (type == "datetime.timezone") {
         Ref offset = callMethod(dt, "utcoffset");
         if (!offset) return false;
         long long days = 0, seconds = 0, microseconds = 0;
-        if (!getInt64Attribute(offset.get(), "days", days) || !getInt64Attribute(offset.get(), "seconds", seconds) ||
-            !getInt64Attribute(offset.get(), "microseconds", microseconds))
-            return false;
+        if (!offsetParts(dt, offset.get(), days, seconds, microseconds)) return false;
         out = offsetText(days, seconds, microseconds);
         return true;
     }

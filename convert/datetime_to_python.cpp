@@ -52,6 +52,25 @@ Helpers& helpers() {
     return kHelpers;
 }
 
+std::string dimsText(const Array& a) {
+    std::string out;
+    for (std::uint64_t d : a.getDimensions()) out += (out.empty() ? "" : "x") + std::to_string(d);
+    return out;
+}
+
+// A calendar field (Year ... Second) must be one real number; what else the message holds is refused rather
+// than read as its first element or its first character's code.
+bool checkField(const Array& field, const std::string& name) {
+    if (!foundation::veltradata::isRealNumericType(field.getType()))
+        return fail(PyExc_ValueError, "conversion of VELTRA datetime object with " + name + " of type '" +
+                                          std::to_string(static_cast<int>(field.getType())) +
+                                          "' to Python not supported: it must hold one number");
+    if (field.getNumberOfElements() > 1)
+        return fail(PyExc_ValueError, "conversion of VELTRA datetime object with " + name + " of size " +
+                                          dimsText(field) + " to Python not supported: it must hold one number");
+    return true;
+}
+
 // Element 0 of a numeric array as double; false with ValueError for an empty one.
 bool firstAsDouble(const Array& a, double& x) {
     if (a.isEmpty()) return fail(PyExc_ValueError, "array is empty");
@@ -80,6 +99,12 @@ TimeZoneDescription readTimeZone(const ValueObject& v) {
     if (zone.getType() == ArrayType::CHAR) {
         d.name = Ref::steal(helpers().charToStr.convert(zone));
     } else if (zone.getType() == ArrayType::VELTRA_STRING) {
+        if (zone.getNumberOfElements() != 1) {
+            fail(PyExc_ValueError, "conversion of VELTRA datetime object with time zone of size " + dimsText(zone) +
+                                       " to Python not supported: it must hold one text");
+            d.failed = true;
+            return d;
+        }
         if (!foundation::veltradata::stringElements(zone)[0]) {
             zoneNotSupported("'<missing>'");
             d.failed = true;
@@ -147,63 +172,129 @@ Ref makeTzinfo(const TimeZoneDescription& d, PyObject* datetimeModule) {
     }
     Ref zoneinfo = Ref::steal(PyImport_ImportModule("zoneinfo"));
     if (!zoneinfo) return Ref();
-    return Ref::steal(PyObject_CallMethod(zoneinfo.get(), "ZoneInfo", "(O)", d.name.get()));
+    Ref zone = Ref::steal(PyObject_CallMethod(zoneinfo.get(), "ZoneInfo", "(O)", d.name.get()));
+    if (zone || !pyutil::pendingIsOrdinary()) return zone;
+    // A name the database has no file for reaches the file system as it stands: a directory ("America") or a
+    // name too long for a file is no zone either. Names zoneinfo refuses outright say so with the name.
+    const std::string name = pyutil::shortRepr(d.name.get());
+    if (PyErr_ExceptionMatches(PyExc_OSError)) {
+        Ref notFound = Ref::steal(PyObject_GetAttrString(zoneinfo.get(), "ZoneInfoNotFoundError"));
+        if (notFound) pyutil::replaceError(notFound.get(), "No time zone found with key " + name);
+    } else if (PyErr_ExceptionMatches(PyExc_ValueError)) {
+        pyutil::replaceError(PyExc_ValueError, "conversion of VELTRA datetime object with time zone " + name +
+                                                   " to Python not supported: ", true);
+    }
+    return Ref();
 }
 
 // ---- texts of the text form ----
 
-// The DateString of one element as UTF-16 (missing: not-a-time). False with ValueError for other kinds.
-bool dateStringOf(const Array& prop, std::uint64_t index, std::u16string_view& out) {
-    if (prop.getType() == ArrayType::VELTRA_STRING && index >= prop.getNumberOfElements()) {
-        out = std::u16string_view();  // an empty DateString: nothing to read, not-a-time
-        return true;
-    }
+Ref pyText(std::u16string_view text) {
+    return Ref::steal(utf16ToPyStr(text.data(), text.size()));
+}
+
+pyutil::Failure outOfRange(std::u16string_view text) {
+    Ref str = pyText(text);
+    if (!str) return failed();
+    return fail(PyExc_ValueError,
+                "datetime " + pyutil::shortRepr(str.get()) + " is outside the range numpy datetime64 arrays can hold");
+}
+
+// The one text of a DateString that holds one: a 1-by-1 string or a char row or column. An empty one, or a
+// missing string, is not-a-time (an empty view). ValueError for anything else.
+bool singleDateString(const Array& prop, std::u16string_view& out) {
+    const std::uint64_t n = prop.getNumberOfElements();
+    out = std::u16string_view();
+    if ((prop.getType() == ArrayType::VELTRA_STRING && n > 1) ||
+        (prop.getType() == ArrayType::CHAR && n > 0 && !isRowOrColumn(prop)))
+        return fail(PyExc_ValueError, "conversion of VELTRA datetime object with DateString of size " + dimsText(prop) +
+                                          " to Python not supported: it must hold one text");
     if (prop.getType() == ArrayType::VELTRA_STRING) {
-        const VeltraString& s = foundation::veltradata::stringElements(prop)[index];
-        out = s ? std::u16string_view(*s) : std::u16string_view();
+        const VeltraString* s = n ? &foundation::veltradata::stringElements(prop)[0] : nullptr;
+        if (s && *s) out = std::u16string_view(**s);
         return true;
     }
-    if (prop.getType() == ArrayType::CHAR && index == 0) {
-        out = std::u16string_view(reinterpret_cast<const char16_t*>(foundation::veltradata::elementBytes(prop)),
-                                  static_cast<std::size_t>(prop.getNumberOfElements()));
+    if (prop.getType() == ArrayType::CHAR) {
+        if (n) out = std::u16string_view(reinterpret_cast<const char16_t*>(foundation::veltradata::elementBytes(prop)),
+                                         static_cast<std::size_t>(n));
         return true;
     }
     return fail(PyExc_ValueError, "conversion of VELTRA datetime object with DateString of type '" +
                                       std::to_string(static_cast<int>(prop.getType())) + "' to Python not supported");
 }
 
-Ref pyText(std::u16string_view text) {
-    return Ref::steal(utf16ToPyStr(text.data(), text.size()));
+// Whether the year a text starts with ([-+]digits) is beyond `limit`.
+bool yearBeyond(std::u16string_view text, std::uint64_t limit) {
+    std::size_t i = !text.empty() && (text[0] == u'-' || text[0] == u'+') ? 1 : 0;
+    std::uint64_t year = 0;
+    for (; i < text.size() && text[i] >= u'0' && text[i] <= u'9'; ++i) {
+        year = year * 10 + static_cast<std::uint64_t>(text[i] - u'0');
+        if (year > limit) return true;
+    }
+    return false;
+}
+
+// A text in a form numpy reads but does not print (a zone suffix, "today"), rewritten in numpy's own form, at
+// the unit numpy infers for it or, where that unit cannot count the date, at the next coarser one that can
+// (down to seconds). numpy reads a year's digits and multiplies out a unit in 64 bits without a check, so what
+// it makes is compared with the same text read at seconds, which cannot wrap for the years let through.
+bool numpyForm(PyObject* numpy, std::u16string_view text, std::u16string& out, DatetimeText& t) {
+    if (yearBeyond(text, 100000000000ULL)) return outOfRange(text);
+    Ref str = pyText(text);
+    Ref datetime64 = str ? Ref::steal(PyObject_GetAttrString(numpy, "datetime64")) : Ref();
+    if (!datetime64) return false;
+    std::optional<std::int64_t> seconds;
+    std::optional<TimeUnit> unit;
+    for (;;) {
+        Ref value = Ref::steal(unit ? PyObject_CallFunction(datetime64.get(), "Os", str.get(), timeUnitName(*unit))
+                                    : PyObject_CallFunctionObjArgs(datetime64.get(), str.get(), nullptr));
+        Ref printed = value ? Ref::steal(PyObject_Str(value.get())) : Ref();
+        if (!printed) return false;
+        std::optional<std::u16string> units = pyUnicodeToUtf16(printed.get());
+        if (!units) return false;
+        if (!parseDatetime(*units, t)) return outOfRange(text);
+        if (!t.nat && t.unit > TimeUnit::Second) {
+            if (!seconds) {
+                Ref s = Ref::steal(PyObject_CallFunction(datetime64.get(), "Os", str.get(), "s"));
+                Ref count = s ? Ref::steal(PyObject_CallMethod(s.get(), "astype", "s", "int64")) : Ref();
+                const long long c = count ? PyLong_AsLongLong(count.get()) : -1;
+                if (!count || (c == -1 && PyErr_Occurred())) return false;
+                seconds = c;
+            }
+            std::int64_t whole = 0;
+            if (!datetimeValue(t, TimeUnit::Second, whole) || whole != *seconds) {
+                unit = static_cast<TimeUnit>(static_cast<int>(t.unit) - 1);
+                continue;
+            }
+        }
+        out = std::move(*units);
+        return true;
+    }
 }
 
 // The texts of a datetime array as one numpy datetime64 array. `text(i, view)` yields element i's text.
 // The unit: `start` when given (the engine's arrays: nanoseconds), otherwise the finest unit any text has, as
-// numpy infers it; coarsened to microseconds (then milliseconds, seconds) when a date lies beyond what the
-// unit can count, so that nothing wraps. Texts in other forms than numpy's own are read by numpy, one by one.
+// numpy infers it, and nanoseconds when none has one (all not-a-time, or none at all); coarsened to
+// microseconds (then milliseconds, seconds) when a date lies beyond what the unit can count, so that nothing
+// wraps. Texts in other forms than numpy's own are read by numpy, one by one.
 template <typename TextAt>
 PyObject* datetimeArray(std::uint64_t n, const foundation::veltradata::Dims& dims, std::optional<TimeUnit> start,
                         TextAt&& textAt) {
     std::unordered_map<std::uint64_t, std::u16string> rewritten;  // numpy's own form of texts we do not read
     Ref numpy;
+    std::u16string_view text;  // the text of the element parsed last, as it came
     auto parse = [&](std::uint64_t i, DatetimeText& t) -> bool {
-        std::u16string_view text;
         if (!textAt(i, text)) return false;
+        std::u16string_view form = text;
         if (!rewritten.empty()) {
             auto it = rewritten.find(i);
-            if (it != rewritten.end()) text = it->second;
+            if (it != rewritten.end()) form = it->second;
         }
-        if (parseDatetime(text, t)) return true;
+        if (parseDatetime(form, t)) return true;
         if (!numpy && !(numpy = importNumpy())) return false;
-        Ref str = pyText(text);
-        Ref value = str ? Ref::steal(PyObject_CallMethod(numpy.get(), "datetime64", "(O)", str.get())) : Ref();
-        Ref printed = value ? Ref::steal(PyObject_Str(value.get())) : Ref();
-        if (!printed) return false;
-        std::optional<std::u16string> units = pyUnicodeToUtf16(printed.get());
-        if (!units) return false;
-        if (!parseDatetime(*units, t))
-            return fail(PyExc_ValueError, "datetime " + pyutil::shortRepr(printed.get()) +
-                                              " is outside the range numpy datetime64 arrays can hold");
-        rewritten.emplace(i, std::move(*units));
+        std::u16string numpyText;
+        if (!numpyForm(numpy.get(), text, numpyText, t)) return false;
+        rewritten.emplace(i, std::move(numpyText));
         return true;
     };
 
@@ -211,10 +302,14 @@ PyObject* datetimeArray(std::uint64_t n, const foundation::veltradata::Dims& dim
     TimeUnit unit = start.value_or(TimeUnit::Year);
     DatetimeText t;
     if (!start) {
+        bool any = false;
         for (std::uint64_t i = 0; i < n; ++i) {
             if (!pollSignals() || !parse(i, t)) return nullptr;
-            if (!t.nat && t.unit > unit) unit = t.unit;
+            if (t.nat) continue;
+            any = true;
+            if (t.unit > unit) unit = t.unit;
         }
+        if (!any) unit = TimeUnit::Nano;  // nothing to infer it from: the unit of the engine's arrays
     }
     // The counts; a date the unit cannot count makes it coarser, and the pass starts again.
     TimeArrayBuilder out;
@@ -223,28 +318,31 @@ PyObject* datetimeArray(std::uint64_t n, const foundation::veltradata::Dims& dim
     for (std::uint64_t i = 0; i < n; ++i) {
         if ((start && !pollSignals()) || !parse(i, t)) return nullptr;
         if (datetimeValue(t, unit, values[i])) continue;
-        if (unit <= TimeUnit::Second) return fail(PyExc_ValueError, "datetime outside the range numpy can hold");
+        if (unit <= TimeUnit::Second) return outOfRange(text);
         unit = unit > TimeUnit::Micro ? TimeUnit::Micro : static_cast<TimeUnit>(static_cast<int>(unit) - 1);
         i = static_cast<std::uint64_t>(-1);
     }
-    if (!start && unit == TimeUnit::Year && std::all_of(values, values + n, [](std::int64_t v) { return v == kNaT; }))
-        return out.finish("datetime64", dims);  // only NaT: numpy's generic unit
     return out.finish((std::string("datetime64[") + timeUnitName(unit) + "]").c_str(), dims);
 }
 
-// A 1x1 value object in the text form.
+// A 1x1 value object in the text form: one text gives a numpy.datetime64 at the unit the array rules give it.
 PyObject* textFormScalar(const Array& dateString) {
     const std::uint64_t n = dateString.getNumberOfElements();
-    if (n == 1 || dateString.getType() != ArrayType::VELTRA_STRING) {
-        std::u16string_view text;
-        if (!dateStringOf(dateString, 0, text)) return nullptr;
-        Ref numpy = importNumpy();
-        Ref str = numpy ? pyText(text.data() ? text : std::u16string_view(u"NaT")) : Ref();
-        if (!str) return nullptr;
-        return PyObject_CallMethod(numpy.get(), "datetime64", "(O)", str.get());
+    if (dateString.getType() == ArrayType::VELTRA_STRING && n != 1) {
+        const VeltraString* strings = foundation::veltradata::stringElements(dateString);
+        return datetimeArray(n, dateString.getDimensions(), std::nullopt, [&](std::uint64_t i, std::u16string_view& text) {
+            text = strings[i] ? std::u16string_view(*strings[i]) : std::u16string_view();
+            return true;
+        });
     }
-    return datetimeArray(n, dateString.getDimensions(), std::nullopt,
-                         [&](std::uint64_t i, std::u16string_view& text) { return dateStringOf(dateString, i, text); });
+    std::u16string_view one;
+    if (!singleDateString(dateString, one)) return nullptr;
+    Ref array = Ref::steal(datetimeArray(1, foundation::veltradata::Dims{1, 1}, std::nullopt,
+                                         [&](std::uint64_t, std::u16string_view& text) {
+                                             text = one;
+                                             return true;
+                                         }));
+    return array ? PySequence_GetItem(array.get(), 0) : nullptr;
 }
 
 // A 1x1 value object in the field form.
@@ -260,11 +358,13 @@ PyObject* fieldFormScalar(const ValueObject& v, const TimeZoneDescription& zone)
         if (!v.hasProperty(id.fields[k]))
             return fail(PyExc_ValueError, "unable to find property '" + id.fields[k].getPropertyName() + "' in 'datetime' object");
         const Array& field = v[id.fields[k]];
+        if (!checkField(field, id.fields[k].getPropertyName())) return nullptr;
         parts[k] = Ref::steal(field.getType() == ArrayType::INT64 ? helpers().int64ToLong.convert(field)
                                                                   : helpers().doubleToLong.convert(field));
         if (!parts[k]) return nullptr;
     }
     if (v.hasProperty(id.second)) {
+        if (!checkField(v[id.second], "Second")) return nullptr;
         Ref pair = Ref::steal(helpers().seconds.convert(v[id.second]));
         if (!pair) return nullptr;
         parts[5] = Ref::borrow(PyTuple_GetItem(pair.get(), 0));
@@ -317,7 +417,11 @@ PyObject* timeZoneForPandas(const Array& a) {
     if (a.getType() != ArrayType::VALUE_OBJECT || a.isEmpty()) Py_RETURN_NONE;
     const TimeZoneDescription zone = readTimeZone(foundation::veltradata::valueObjects(a)[0]);
     if (zone.failed) return nullptr;
-    if (zone.name) return Ref::borrow(zone.name.get()).release();
+    if (zone.name) {
+        // The name as zoneinfo knows it, or the same refusal a single datetime gets.
+        if (!makeTzinfo(zone, nullptr)) return nullptr;
+        return Ref::borrow(zone.name.get()).release();
+    }
     if (!zone.hours) Py_RETURN_NONE;
     Ref datetimeModule = Ref::steal(PyImport_ImportModule("datetime"));
     return datetimeModule ? makeTzinfo(zone, datetimeModule.get()).release() : nullptr;
@@ -337,7 +441,7 @@ PyObject* datetimeToPython(const Array& a) {
         return datetimeArrayFromTexts(n, a.getDimensions(), [&](std::uint64_t i, std::u16string_view& text) {
             if (!objects[i].hasProperty(id.dateString))
                 return static_cast<bool>(fail(PyExc_ValueError, "unable to find property 'DateString' in 'datetime' object"));
-            return dateStringOf(objects[i][id.dateString], 0, text);
+            return singleDateString(objects[i][id.dateString], text);
         });
     }
     const ValueObject& v = objects[0];

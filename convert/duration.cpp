@@ -41,16 +41,33 @@ int isNumpyInstance(PyObject* obj, const char* name) {
     return type ? PyObject_IsInstance(obj, type.get()) : -1;
 }
 
-// Units a millisecond count can be coarsened to, with their length in milliseconds.
-struct CoarseUnit {
+// The units a duration array comes back in, finest first, with their length in milliseconds: microseconds when
+// a count has a fraction of a millisecond (what datetime.timedelta keeps of a single one), milliseconds when
+// none has, coarser only when a count would not fit.
+struct Unit {
     const char* dtype;
     double millis;
 };
-constexpr CoarseUnit kUnits[] = {{"timedelta64[ms]", 1},          {"timedelta64[s]", 1e3},
-                                 {"timedelta64[m]", 6e4},         {"timedelta64[h]", 3.6e6},
-                                 {"timedelta64[D]", 8.64e7},      {"timedelta64[W]", 6.048e8}};
+constexpr Unit kUnits[] = {{"timedelta64[us]", 1e-3},    {"timedelta64[ms]", 1},      {"timedelta64[s]", 1e3},
+                           {"timedelta64[m]", 6e4},      {"timedelta64[h]", 3.6e6},   {"timedelta64[D]", 8.64e7},
+                           {"timedelta64[W]", 6.048e8}};
+constexpr std::size_t kMicro = 0, kMilli = 1;
 
-// Whether trunc(x) is a count numpy stores (NaT's pattern excluded).
+// Rounded to the nearest integer, halves to even, as datetime.timedelta rounds to its microsecond. Beyond
+// 2^52 a double has no fraction.
+inline double roundHalfEven(double x) {
+    constexpr double kNoFraction = 4503599627370496.0;
+    if (!(std::fabs(x) < kNoFraction)) return x;
+    const double big = std::copysign(kNoFraction, x);
+    return (x + big) - big;
+}
+
+// x milliseconds as a count of unit k: for microseconds the same product timedelta(milliseconds=x) makes.
+inline double countIn(double x, std::size_t k) {
+    return roundHalfEven(k == kMicro ? x * 1000.0 : x / kUnits[k].millis);
+}
+
+// Whether x is a count numpy stores (NaT's pattern excluded).
 bool fitsInt64(double x) { return x > -9.2233720368547758e18 && x < 9.2233720368547758e18; }
 
 }  // namespace
@@ -105,10 +122,13 @@ PyObject* durationToPython(const Array& a) {
     const ValueObject& v = foundation::veltradata::valueObjects(a)[0];
     if (!v.hasProperty(ids().millis)) return fail(PyExc_ValueError, "unable to find property 'millis' in 'duration' object");
     const Array& millis = v[ids().millis];
+    if (!foundation::veltradata::isRealNumericType(millis.getType()))
+        return fail(PyExc_ValueError, "conversion of VELTRA duration object with millis of type '" +
+                                          std::to_string(static_cast<int>(millis.getType())) +
+                                          "' to Python not supported: it must hold numbers of milliseconds");
 
     if (millis.getNumberOfElements() == 1) {
-        static DoubleToPyFloat toFloat(VDAPBConverter::Factory::instance()->arrayFactory());
-        Ref ms = Ref::steal(toFloat.convert(millis));
+        Ref ms = Ref::steal(PyFloat_FromDouble(millis[0].castTo<double>()));
         Ref datetimeModule = ms ? Ref::steal(PyImport_ImportModule("datetime")) : Ref();
         Ref timedelta = datetimeModule ? Ref::steal(PyObject_GetAttrString(datetimeModule.get(), "timedelta")) : Ref();
         Ref args = Ref::steal(PyTuple_New(0));
@@ -117,28 +137,36 @@ PyObject* durationToPython(const Array& a) {
         return PyObject_Call(timedelta.get(), args.get(), kwargs.get());
     }
 
-    // Read as double whatever real kind millis has; one pass picks the unit, one writes the counts.
+    // Read as double whatever real kind millis has; one pass picks the unit, one writes the counts, rounded as
+    // a single duration's timedelta rounds them.
     const std::uint64_t count = millis.getNumberOfElements();
     const double* doubles = millis.getType() == ArrayType::DOUBLE
                                 ? reinterpret_cast<const double*>(foundation::veltradata::elementBytes(millis))
                                 : nullptr;
     auto at = [&](std::uint64_t i) { return doubles ? doubles[i] : millis[i].castTo<double>(); };
-    std::size_t unit = 0;
+    bool fraction = false;
+    double longest = 0;
     for (std::uint64_t i = 0; i < count; ++i) {
         const double x = at(i);
         if (std::isnan(x)) continue;
         if (std::isinf(x)) return fail(PyExc_OverflowError, "cannot convert an infinite duration to numpy timedelta64");
-        while (!fitsInt64(std::trunc(x / kUnits[unit].millis))) {
-            if (++unit == std::size(kUnits))
-                return fail(PyExc_OverflowError, "duration too long for numpy timedelta64");
-        }
+        const double size = std::fabs(x);
+        if (size > longest) longest = size;
+        // Below 2^52 the cast is exact for whole counts; above, a double has no fraction.
+        fraction = fraction || (size < 4503599627370496.0 && static_cast<double>(static_cast<std::int64_t>(x)) != x);
+    }
+    std::size_t unit = fraction ? kMicro : kMilli;
+    while (!fitsInt64(countIn(longest, unit))) {
+        if (++unit == std::size(kUnits)) return fail(PyExc_OverflowError, "duration too long for numpy timedelta64");
     }
     TimeArrayBuilder out;
     if (!out.start(count)) return nullptr;
     std::int64_t* values = out.data();
     for (std::uint64_t i = 0; i < count; ++i) {
         const double x = at(i);
-        values[i] = std::isnan(x) ? kNaT : static_cast<std::int64_t>(std::trunc(x / kUnits[unit].millis));
+        if (std::isnan(x)) values[i] = kNaT;
+        else if (unit == kMilli && !fraction) values[i] = static_cast<std::int64_t>(x);  // whole already
+        else values[i] = static_cast<std::int64_t>(countIn(x, unit));
     }
     return out.finish(kUnits[unit].dtype, millis.getDimensions());
 }

@@ -36,18 +36,25 @@ bool TimeArrayValues::open(PyObject* array) {
     if (isArray < 0) return false;
     if (!isArray) return failUnsupportedType(array);
 
-    // Native byte order first (a copy only for a byte-swapped array), then the same memory as int64.
+    // The same memory as int64 in the array's byte order, then in native order (a copy only for a byte-swapped
+    // array). Not a cast of the time dtype itself: numpy's casts of the generic unit leave the bytes unswapped.
     const pyutil::Ref dtype = pyutil::Ref::steal(PyObject_GetAttrString(array, "dtype"));
     if (!dtype) return false;
     dtype_ = pyutil::Ref::steal(PyObject_CallMethod(dtype.get(), "newbyteorder", "s", "="));
-    if (!dtype_) return false;
+    const pyutil::Ref isNative = pyutil::Ref::steal(PyObject_GetAttrString(dtype.get(), "isnative"));
+    const int native = isNative ? PyObject_IsTrue(isNative.get()) : -1;
+    if (!dtype_ || native < 0) return false;
+    pyutil::Ref storedInts = pyutil::Ref::steal(PyObject_CallMethod(numpy.get(), "dtype", "s", "=i8"));
+    if (storedInts && !native)
+        storedInts = pyutil::Ref::steal(PyObject_CallMethod(storedInts.get(), "newbyteorder", "s", "S"));
+    if (!storedInts) return false;
+    const pyutil::Ref stored = pyutil::Ref::steal(PyObject_CallMethod(array, "view", "O", storedInts.get()));
+    if (!stored) return false;
     pyutil::Ref kwargs = pyutil::Ref::steal(Py_BuildValue("{s:O}", "copy", Py_False));
-    pyutil::Ref args = pyutil::Ref::steal(PyTuple_Pack(1, dtype_.get()));
-    const pyutil::Ref astype = pyutil::Ref::steal(PyObject_GetAttrString(array, "astype"));
+    pyutil::Ref args = pyutil::Ref::steal(Py_BuildValue("(s)", "=i8"));
+    const pyutil::Ref astype = pyutil::Ref::steal(PyObject_GetAttrString(stored.get(), "astype"));
     if (!kwargs || !args || !astype) return false;
-    const pyutil::Ref native = pyutil::Ref::steal(PyObject_Call(astype.get(), args.get(), kwargs.get()));
-    if (!native) return false;
-    ints_ = pyutil::Ref::steal(PyObject_CallMethod(native.get(), "view", "s", "int64"));
+    ints_ = pyutil::Ref::steal(PyObject_Call(astype.get(), args.get(), kwargs.get()));
     if (!ints_ || !view_.acquire(ints_.get(), PyBUF_RECORDS_RO)) return false;
     if (view_->itemsize != 8 || view_->ndim > 64) return fail(PyExc_TypeError, "unexpected layout of a numpy time array");
 

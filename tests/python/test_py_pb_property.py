@@ -2,6 +2,7 @@
 say must come back."""
 
 import math
+import zoneinfo
 
 import numpy as np
 from hypothesis import HealthCheck, given, settings, strategies as st
@@ -175,3 +176,27 @@ def test_results_the_shortcut_reads_or_declines_read_as_the_general_path_reads_t
         assert fast == general
     else:
         assert same(observed(fast), observed(general[:-1]))
+
+
+# ---- time values: folds and not-a-time ----
+
+ZONES = [zoneinfo.ZoneInfo(k) for k in ("America/New_York", "Europe/London", "Australia/Lord_Howe", "UTC")]
+
+
+@settings(max_examples=200, deadline=None)
+@given(st.datetimes(timezones=st.sampled_from(ZONES)), st.integers(0, 1))
+def test_datetimes_in_a_zone_keep_their_wall_clock_and_instant(value, fold):
+    value = value.replace(fold=fold)
+    [back] = roundtrip(value)
+    assert back.replace(tzinfo=None) == value.replace(tzinfo=None) and back.utcoffset() == value.utcoffset()
+
+
+@settings(max_examples=200, deadline=None)
+@given(st.sampled_from(["Y", "M", "D", "h", "m", "s", "ms", "us", "ns"]),
+       st.lists(st.one_of(st.none(), st.integers(-10**6, 10**6)), max_size=6))
+def test_datetime64_arrays_with_not_a_time_come_back_as_they_went(unit, counts):
+    a = np.array([np.iinfo(np.int64).min if c is None else c for c in counts], np.int64).view(f"M8[{unit}]")
+    [back] = roundtrip(a)
+    back = np.asarray(back)  # a single element comes back as a scalar
+    assert back.dtype == (a.dtype if any(c is not None for c in counts) else np.dtype("M8[ns]"))
+    assert np.array_equal(back.reshape(-1), a, equal_nan=True)

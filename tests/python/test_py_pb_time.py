@@ -3,6 +3,8 @@ datetimes and durations the peer writes, and round trips through the loopback.""
 
 import datetime as dt
 import math
+import os
+import warnings
 import zoneinfo
 
 import numpy as np
@@ -91,6 +93,66 @@ def test_pandas_and_numpy_agree_with_the_standard_library():
     assert sent(np.timedelta64(2 * 86400 * 10**6 + 3500, "us")) == sent(dt.timedelta(days=2, microseconds=3500))
 
 
+NEW_YORK = zoneinfo.ZoneInfo("America/New_York")
+
+
+@pytest.mark.parametrize(
+    "value, zone",
+    [
+        (dt.datetime(2024, 11, 3, 1, 30, fold=1, tzinfo=NEW_YORK), "-05:00:00"),  # the second 1:30
+        (pd.Timestamp(dt.datetime(2024, 11, 3, 1, 30, fold=1, tzinfo=NEW_YORK)), "-05:00:00"),
+        (dt.datetime(2024, 3, 10, 2, 30, fold=1, tzinfo=NEW_YORK), "-04:00:00"),  # the later side of a gap
+        (dt.datetime(2024, 11, 3, 1, 30, fold=0, tzinfo=NEW_YORK), "America/New_York"),
+        (dt.datetime(2024, 7, 3, 1, 30, fold=1, tzinfo=NEW_YORK), "America/New_York"),  # a fold that changes nothing
+    ],
+)
+def test_a_fold_the_zone_name_cannot_tell_travels_as_its_offset(value, zone):
+    _, p = props(value)
+    assert p["TimeZone"] == (STRING, (1, 1), [zone])
+    [back] = roundtrip(value)
+    assert back.timestamp() == value.timestamp()
+    assert back.replace(tzinfo=None) == value.replace(tzinfo=None)
+
+
+def _keyless_zone():
+    for base in zoneinfo.TZPATH:
+        path = os.path.join(base, "Europe", "Paris")
+        if os.path.isfile(path):
+            with open(path, "rb") as f:
+                return zoneinfo.ZoneInfo.from_file(f)
+    tzdata = pytest.importorskip("importlib.resources").files("tzdata") / "zoneinfo" / "Europe" / "Paris"
+    with tzdata.open("rb") as f:
+        return zoneinfo.ZoneInfo.from_file(f)
+
+
+def _raises(error):
+    def get(self):
+        raise error
+    return property(get)
+
+
+# A ZoneInfo by its type's name whose key cannot be read.
+InterruptedZone = type("ZoneInfo", (dt.tzinfo,), {"__module__": "zoneinfo", "key": _raises(KeyboardInterrupt),
+                                                  "utcoffset": lambda self, d: dt.timedelta(0)})
+
+
+@pytest.mark.parametrize(
+    "value, exc",
+    [
+        (dt.datetime(2024, 1, 1, tzinfo=_keyless_zone()), TypeError),
+        (dt.datetime(2024, 1, 1, tzinfo=tz(seconds=0.5)), TypeError),
+        # -03:30 would read back as -02:30: the sign of an offset text is its hours'
+        (dt.datetime(2024, 11, 3, 1, 30, fold=1, tzinfo=zoneinfo.ZoneInfo("America/St_Johns")), TypeError),
+        (dt.datetime(2024, 1, 1, tzinfo=InterruptedZone()), KeyboardInterrupt),
+    ],
+)
+def test_zones_that_cannot_cross_exactly_are_refused(value, exc):
+    with pytest.raises(exc) as e:
+        py_pb.py_to_serialized_str((value,))
+    if exc is TypeError:  # the value, and a way out
+        assert repr(value)[:60] in str(e.value) and ".astimezone(" in str(e.value)
+
+
 class OtherZone(dt.tzinfo):
     def utcoffset(self, d):
         return dt.timedelta(hours=1)
@@ -136,12 +198,13 @@ def test_numpy_scalars_travel_as_their_text(value, text):
 
 
 def _layouts(a):
-    """a, a strided and transposed view, byte-swapped, and unaligned copies of it and of one element (0-d)."""
+    """a, a strided and transposed view, its values stored byte-swapped, and unaligned copies of it and of one
+    element (0-d)."""
     def unaligned(x):
         b = np.frombuffer(bytearray(x.nbytes + 1), dtype=x.dtype, offset=1, count=x.size).reshape(x.shape)
         b[...] = x
         return b
-    return [a, a.transpose(2, 0, 1)[:, ::2], a.astype(a.dtype.newbyteorder(">")), unaligned(a),
+    return [a, a.transpose(2, 0, 1)[:, ::2], a.byteswap().view(a.dtype.newbyteorder()), unaligned(a),
             unaligned(a[:1, :1, :1].reshape(()))]
 
 
@@ -284,6 +347,70 @@ def test_engine_datetimes_that_cannot_come_back(message, exc, text):
         assert str(e.value) == text
 
 
+def _with(message, name, value):
+    """message (a 1x1 value object) with its property `name` holding `value`."""
+    for p in message.objects[0].properties:
+        if p.name == name:
+            p.value.CopyFrom(value)
+    return message
+
+
+@pytest.mark.parametrize(
+    "message, exc, what",
+    [
+        (_with(datetime_fields(2024, 1, 1), "Year", char("2024")), ValueError, "Year"),
+        (_with(datetime_fields(2024, 1, 1), "Year", numeric(INT64, [2024, 2025])), ValueError, "Year"),
+        (_with(datetime_fields(2024, 1, 1), "Second", numeric(DOUBLE, [1.0, 2.0])), ValueError, "Second"),
+        (datetime_fields(2024, 1, 1, zone=strings(["UTC", "Europe/Paris"])), ValueError, "time zone"),
+        (datetime_fields(2024, 1, 1, zone="America"), zoneinfo.ZoneInfoNotFoundError, "America"),
+        (datetime_fields(2024, 1, 1, zone="A" * 300), zoneinfo.ZoneInfoNotFoundError, "AAAA"),
+        (value_object("datetime", [{"DateString": strings(["2024-01-01", "2024-01-02"])}] * 2), ValueError,
+         "DateString"),
+        (value_object("duration", [{"millis": char("ab")}], (1, 1)), ValueError, "millis"),
+        (value_object("duration", [{"millis": char("a")}], (1, 1)), ValueError, "millis"),
+    ],
+)
+def test_hostile_time_properties_are_refused_naming_what_was_wrong(message, exc, what):
+    with pytest.raises(exc, match=what):
+        read_one(message)
+
+
+def _text_form(texts):
+    return value_object("datetime", [{"DateString": strings(texts)}], (1, 1))
+
+
+@pytest.mark.parametrize(
+    "message, expected",
+    [
+        (_text_form(["9" * 20]), ValueError),  # a year numpy's reader wraps
+        (_text_form(["9" * 19, "2024"]), ValueError),
+        # Units too fine for the date: a coarser one, as for arrays, never a wrapped count.
+        (_text_form(["1000-01-01T00:00:00.123456789012"]), np.datetime64("1000-01-01T00:00:00.123456")),
+        (_text_form(["1970-01-01T00:00:30.000000000000000001Z", "2024-01-01"]),
+         np.array(["1970-01-01T00:00:30", "2024-01-01"], "M8[us]")),
+        (datetime_texts(["1000-01-01T00:00:00.123456789012Z", "2024-01-01"]),
+         np.array(["1000-01-01T00:00:00.123456", "2024-01-01"], "M8[us]")),
+    ],
+)
+def test_engine_texts_never_come_back_wrapped(message, expected):
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore")  # numpy's on the zone suffix
+        if expected is ValueError:
+            with pytest.raises(ValueError, match="outside the range"):
+                read_one(message)
+            return
+        back = read_one(message)
+    assert type(back) is type(expected) and back.dtype == expected.dtype
+    assert np.array_equal(back, expected)
+
+
+@pytest.mark.parametrize("value", [np.datetime64("NaT", "ns"), np.array(["NaT", "NaT"], "M8[ns]"),
+                                   np.array([], "M8[ns]"), np.full((2, 3), np.datetime64("NaT", "ns"))])
+def test_not_a_time_alone_keeps_nanoseconds(value):
+    [back] = roundtrip(value)
+    assert type(back) is type(value) and back.dtype == value.dtype and np.shape(back) == np.shape(value)
+
+
 def test_double_fields_round_half_away_from_zero():
     back = read_one(datetime_fields(2023.5, 0.5, 1.49, 2.5, 3.5, 4.25, kind=DOUBLE))
     assert back == dt.datetime(2024, 1, 1, 3, 4, 4, 250000)
@@ -320,7 +447,7 @@ def test_texts_in_other_forms_are_read_by_numpy():
     "millis, dims, expected",
     [
         ([1500.0], (1, 1), dt.timedelta(milliseconds=1500)),
-        ([1.0, 2.5, math.nan, -4.7], (1, 4), np.array([1, 2, "NaT", -4], "m8[ms]")),
+        ([1.0, 2.5, math.nan, -4.7], (1, 4), np.array([1000, 2500, "NaT", -4700], "m8[us]")),  # kept, as one is
         ([1, 2, 3, 4, 5, 6], (2, 3), np.array([[1, 3, 5], [2, 4, 6]], "m8[ms]")),
         ([1, 2, 3, 4], (2, 1, 2), np.array([1, 2, 3, 4], "m8[ms]").reshape((2, 1, 2), order="F")),
         ([1e19, -1e16], (1, 2), np.array([10**16, -10**13], "m8[s]")),  # too long for milliseconds: coarser
@@ -349,6 +476,13 @@ def test_engine_durations_that_cannot_come_back(message, exc, text):
         read_one(message)
     if text is not None:
         assert str(e.value) == text
+
+
+def test_durations_come_back_alike_alone_and_in_arrays():
+    millis = [-1.5, 2.0, 0.25, 1e-4, 0.0005, 0.0015, -0.0025, 123456.789, 3 * 86400000.0 + 0.001, -4.7]
+    alone = [read_one(duration([m])) for m in millis]
+    assert read_one(duration(millis)).tolist() == alone
+    assert read_one(duration(millis, (2, 5))).tolist() == np.reshape(alone, (2, 5), order="F").tolist()
 
 
 @pytest.mark.parametrize("unit", ["W", "D", "h", "s", "ms", "us", "ns"])
