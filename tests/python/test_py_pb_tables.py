@@ -467,7 +467,7 @@ def test_ctrl_c_at_any_call_of_a_frame_conversion_is_a_keyboard_interrupt_both_w
              "o": pd.Series(["x", None], dtype=object), "p": pd.array(["u", "v"], dtype="string[python]"),
              "e": pd.Series([None, None], dtype=object), "c": pd.Categorical(["b", "a"]),
              "d": pd.to_timedelta([1, 2], unit="s"), "z": pd.to_datetime([0, 1], unit="s", utc=True)}
-    df = pd.DataFrame({f"{k}{i}": v for i in range(4) for k, v in kinds.items()},
+    df = pd.DataFrame({f"{k}{i}": v for i in range(6) for k, v in kinds.items()},
                       index=pd.DatetimeIndex(["2024-01-01", "2024-01-02"], name="when").tz_localize("Europe/Paris"))
     df.columns.name = "var"
     data = loopback(py_pb.py_to_serialized_str((df,)))
