@@ -54,11 +54,11 @@ struct Modules {
     }
 };
 
-// isinstance that reads an error as "no".
-bool isA(PyObject* obj, PyObject* type) {
+// isinstance that reads an ordinary error as "no"; -1 with any other error pending.
+int isA(PyObject* obj, PyObject* type) {
     const int r = PyObject_IsInstance(obj, type);
-    if (r < 0) PyErr_Clear();
-    return r == 1;
+    if (r >= 0) return r;
+    return pyutil::clearOrdinary() ? 0 : -1;
 }
 
 // obj.name(*args, **kwargs); a missing method is AttributeError "unable to retrieve attribute 'name'".
@@ -70,42 +70,47 @@ Ref call(PyObject* obj, const char* name, PyObject* args = nullptr, PyObject* kw
     return Ref::steal(PyObject_Call(method.get(), args ? args : none.get(), kwargs));
 }
 
-// The default index: a RangeIndex 0, 1, ..., n-1 with n >= 1, its bounds plain ints.
-bool isDefaultIndex(PyObject* index, PyObject* rangeIndex) {
-    if (!index || !isA(index, rangeIndex)) return false;
+// The default index: a RangeIndex 0, 1, ..., n-1 with n >= 1, its bounds plain ints. 1 or 0; -1 with an error
+// that is not ordinary pending (an ordinary one reads as "not the default").
+int isDefaultIndex(PyObject* index, PyObject* rangeIndex) {
+    if (!index) return 0;
+    const int range = isA(index, rangeIndex);
+    if (range <= 0) return range;
     long long v[3];
     const char* names[] = {"start", "stop", "step"};
     for (int k = 0; k < 3; ++k) {
         Ref value = Ref::steal(PyObject_GetAttrString(index, names[k]));
-        if (!value || !PyLong_CheckExact(value.get())) {
-            PyErr_Clear();
-            return false;
-        }
+        if (!value || !PyLong_CheckExact(value.get())) return pyutil::clearOrdinary() ? 0 : -1;
         v[k] = PyLong_AsLongLong(value.get());
-        if (v[k] == -1 && PyErr_Occurred()) {
-            PyErr_Clear();
-            return false;
-        }
+        if (v[k] == -1 && PyErr_Occurred()) return pyutil::clearOrdinary() ? 0 : -1;
     }
     return v[0] == 0 && v[1] >= 1 && v[2] == 1;
 }
 
-// A dtype's kind as its strict UTF-8 text ("" when it has none), and its first letter.
-std::string kindText(PyObject* dtype) {
+// A dtype's kind as its strict UTF-8 text ("" when it has none, or when reading it raised an ordinary error);
+// nothing with any other error pending.
+std::optional<std::string> kindText(PyObject* dtype) {
     Ref kind = Ref::steal(PyObject_GetAttrString(dtype, "kind"));
     Py_ssize_t size = 0;
     const char* text = kind && PyUnicode_Check(kind.get()) ? PyUnicode_AsUTF8AndSize(kind.get(), &size) : nullptr;
-    PyErr_Clear();
+    if (!pyutil::clearOrdinary()) return std::nullopt;
     return text ? std::string(text, static_cast<std::size_t>(size)) : std::string();
 }
-char kindOf(PyObject* dtype) { return kindText(dtype)[0]; }  // '\0' for none
+// Its first letter, '\0' for none; nothing with an error that is not ordinary pending.
+std::optional<char> kindOf(PyObject* dtype) {
+    std::optional<std::string> text = kindText(dtype);
+    if (!text) return std::nullopt;
+    return (*text)[0];
+}
 
+// str(obj) for a message; "?" when that fails with an ordinary error. Any other error stays pending, and the
+// fail() that takes the text then leaves it standing.
 std::string utf8Of(PyObject* obj) {
     Ref str = Ref::steal(PyObject_Str(obj));
     Py_ssize_t size = 0;
     const char* text = str ? PyUnicode_AsUTF8AndSize(str.get(), &size) : nullptr;
     if (!text) {
-        PyErr_Clear();
+        pyutil::clearOrdinary();
         return "?";
     }
     return std::string(text, static_cast<std::size_t>(size));
@@ -114,17 +119,20 @@ std::string utf8Of(PyObject* obj) {
 // One column as the user knows it.
 struct Column {
     std::string label;
-    Ref name;                  // the label as str
+    Ref name;                  // the label (a str)
     Py_ssize_t position = 0;   // among the user's columns, or among the index levels
-    bool indexLevel = false;  // a level of the index that reset_index made a column
+    bool indexLevel = false;   // a level of the index that reset_index made a column
+    bool unnamed = false;      // such a level without a name of its own, which reset_index named
 };
 
 std::string where(const Column& c) {
-    return c.indexLevel ? " (index '" + c.label + "')" : " (column '" + c.label + "', position " + std::to_string(c.position) + ")";
+    if (!c.indexLevel) return " (column '" + c.label + "', position " + std::to_string(c.position) + ")";
+    if (c.unnamed) return " (unnamed index level " + std::to_string(c.position) + ", taken as '" + c.label + "')";
+    return " (index '" + c.label + "')";
 }
 
 // Adds `suffix` to the message of the pending error, when it is one of ours (a plain TypeError, ValueError,
-// OverflowError or IndexError with one text); other errors are left as they are.
+// OverflowError, IndexError or AttributeError with one text); other errors are left as they are.
 void annotate(const std::string& suffix) {
     if (!PyErr_Occurred()) return;
     PyObject* own[] = {PyExc_TypeError, PyExc_ValueError, PyExc_OverflowError, PyExc_IndexError, PyExc_AttributeError};
@@ -138,7 +146,7 @@ void annotate(const std::string& suffix) {
         Ref newArgs = text ? Ref::steal(PyTuple_Pack(1, text.get())) : Ref();
         if (newArgs) PyObject_SetAttrString(value.get(), "args", newArgs.get());
     }
-    PyErr_Clear();
+    if (!pyutil::clearOrdinary()) return;  // what went wrong meanwhile outranks the annotated error
     PyObject* traceback = PyException_GetTraceback(value.get());
     PyErr_Restore(Py_NewRef(type), value.release(), traceback);
 }
@@ -200,7 +208,7 @@ bool zoneText(PyObject* tz, std::u16string& out) {
         name = Ref::steal(PyObject_GetAttrString(tz, "zone"));
     }
     if (!name || !PyUnicode_Check(name.get())) {
-        PyErr_Clear();
+        if (!pyutil::clearOrdinary()) return false;
         return fail(PyExc_TypeError, "conversion of pandas.DataFrame datetime column with time zone of type '" + type +
                                          "' to VELTRA is not supported; use a zoneinfo.ZoneInfo zone");
     }
@@ -216,7 +224,9 @@ std::optional<Array> datetimeColumn(const Modules& m, ArrayFactory& f, PyObject*
                                     const ConversionState& state) {
     Ref tz;
     Ref values;
-    if (isA(dtype, m.datetimeTZDtype.get())) {
+    const int zoned = isA(dtype, m.datetimeTZDtype.get());
+    if (zoned < 0) return failed();
+    if (zoned) {
         tz = getAttribute(dtype, "tz");
         Ref accessor = tz ? getAttribute(series, "dt") : Ref();
         Ref args = accessor ? Ref::steal(PyTuple_Pack(1, Py_None)) : Ref();
@@ -228,7 +238,10 @@ std::optional<Array> datetimeColumn(const Modules& m, ArrayFactory& f, PyObject*
     if (!values) return failed();
     Ref valuesDtype = getAttribute(values.get(), "dtype");
     if (!valuesDtype) return failed();
-    if (!isA(valuesDtype.get(), m.numpyDtype.get()) || kindOf(valuesDtype.get()) != 'M') return failDtype(dtype);
+    const int numpyDtype = isA(valuesDtype.get(), m.numpyDtype.get());
+    const std::optional<char> kind = numpyDtype > 0 ? kindOf(valuesDtype.get()) : std::optional<char>('\0');
+    if (numpyDtype < 0 || !kind) return failed();
+    if (*kind != 'M') return failDtype(dtype);
     std::optional<Array> text = convertToArray(values.get(), state);
     if (!text || !tz) return text;
 
@@ -267,10 +280,16 @@ std::optional<Array> maskedColumn(PyObject* series, PyObject* dtype, char kind, 
 std::optional<Array> convertColumn(const Modules& m, ArrayFactory& f, PyObject* series, const ConversionState& state) {
     Ref dtype = getAttribute(series, "dtype");
     if (!dtype) return failed();
-    if (isA(dtype.get(), m.categoricalDtype.get())) return categoricalFromSeries(f, series, state);
-    const char kind = kindOf(dtype.get());
-    if (isA(dtype.get(), m.datetimeTZDtype.get())) return datetimeColumn(m, f, series, dtype.get(), state);
-    if (isA(dtype.get(), m.numpyDtype.get())) {
+    const int categorical = isA(dtype.get(), m.categoricalDtype.get());
+    if (categorical) return categorical < 0 ? failed() : categoricalFromSeries(f, series, state);
+    const std::optional<char> kindOrNone = kindOf(dtype.get());
+    if (!kindOrNone) return failed();
+    const char kind = *kindOrNone;
+    const int zoned = isA(dtype.get(), m.datetimeTZDtype.get());
+    if (zoned) return zoned < 0 ? failed() : datetimeColumn(m, f, series, dtype.get(), state);
+    const int numpyDtype = isA(dtype.get(), m.numpyDtype.get());
+    if (numpyDtype < 0) return failed();
+    if (numpyDtype) {
         switch (kind) {
             case 'M': return datetimeColumn(m, f, series, dtype.get(), state);
             case 'b': case 'i': case 'u': case 'f': case 'c': case 'm': {
@@ -286,55 +305,129 @@ std::optional<Array> convertColumn(const Modules& m, ArrayFactory& f, PyObject* 
             default: return failDtype(dtype.get());
         }
     }
-    if (isA(dtype.get(), m.stringDtype.get())) {
+    const int text = isA(dtype.get(), m.stringDtype.get());
+    if (text < 0) return failed();
+    if (text) {
         std::optional<Array> arrow = arrowStringColumn(f, series, state);
         if (arrow || PyErr_Occurred()) return arrow;
         Ref kwargs = Ref::steal(Py_BuildValue("{s:s}", "dtype", "object"));
         Ref values = kwargs ? columnValues(series, kwargs.get()) : Ref();
         if (!values) return failed();
         const std::string name = utf8Of(dtype.get());
+        if (PyErr_Occurred()) return failed();
         return textColumn(f, values.get(), 'O', name.c_str(), state);
     }
-    if (PyObject_HasAttrString(dtype.get(), "pyarrow_dtype")) {  // pandas.ArrowDtype: strings read in place
+    const int arrowDtype = pyutil::hasAttribute(dtype.get(), "pyarrow_dtype");
+    if (arrowDtype < 0) return failed();
+    if (arrowDtype) {  // pandas.ArrowDtype: strings read in place
         std::optional<Array> arrow = arrowStringColumn(f, series, state);
         if (arrow || PyErr_Occurred()) return arrow;
     }
-    if ((kind == 'b' || kind == 'i' || kind == 'u' || kind == 'f') && PyObject_HasAttrString(dtype.get(), "numpy_dtype"))
-        return maskedColumn(series, dtype.get(), kind, state);
+    if (kind == 'b' || kind == 'i' || kind == 'u' || kind == 'f') {
+        const int masked = pyutil::hasAttribute(dtype.get(), "numpy_dtype");
+        if (masked) return masked < 0 ? failed() : maskedColumn(series, dtype.get(), kind, state);
+    }
     return failDtype(dtype.get());
 }
 
-// The column labels as text: str() of those that are not str. Refused when empty, repeated, or one of the
-// names a table keeps for itself.
-bool readLabels(PyObject* labels, Py_ssize_t n, Py_ssize_t indexLevels, std::vector<Column>& out) {
+bool isReservedName(const std::string& name) {
+    static const char* const kReserved[] = {"Properties", "RowNames", "VariableNames", "Row", "Variables", ":"};
+    for (const char* r : kReserved)
+        if (name == r) return true;
+    return false;
+}
+
+// The column labels, which must be text: not empty, each once, none of the names a table keeps for itself.
+// The first `unnamed.size()` labels are the former index levels, `unnamed` telling those reset_index named.
+bool readLabels(PyObject* labels, Py_ssize_t n, const std::vector<bool>& unnamed, std::vector<Column>& out) {
+    const auto indexLevels = static_cast<Py_ssize_t>(unnamed.size());
     out.resize(static_cast<std::size_t>(n));
     std::unordered_map<std::string, Py_ssize_t> seen;
     for (Py_ssize_t i = 0; i < n; ++i) {
         Column& c = out[static_cast<std::size_t>(i)];
         PyObject* label = PyList_GetItem(labels, i);
-        c.name = PyUnicode_Check(label) ? Ref::borrow(label) : Ref::steal(PyObject_Str(label));
+        c.indexLevel = i < indexLevels;
+        c.position = c.indexLevel ? i : i - indexLevels;
+        c.unnamed = c.indexLevel && unnamed[static_cast<std::size_t>(i)];
+        const std::string position = std::to_string(c.position);
+        if (!PyUnicode_Check(label)) {
+            const std::string value = pyutil::shortRepr(label, 40) + " of type '" + pyutil::typeName(label) + "'";
+            if (c.indexLevel)
+                return fail(PyExc_ValueError, std::string(kNames) + ": the name " + value + " of index level " + position +
+                                                  " is not text; name the index with a str, for example "
+                                                  "df = df.rename_axis(index=str)");
+            return fail(PyExc_ValueError, std::string(kNames) + ": the label " + value + " at position " + position +
+                                              " is not text; make every label a str, for example "
+                                              "df.columns = df.columns.astype(str)");
+        }
+        c.name = Ref::borrow(label);
         Py_ssize_t size = 0;
-        const char* text = c.name ? PyUnicode_AsUTF8AndSize(c.name.get(), &size) : nullptr;
-        if (!text || !pyUnicodeToUtf16(c.name.get())) {
-            pyutil::replaceError(PyExc_ValueError, kNames);
+        const char* text = PyUnicode_AsUTF8AndSize(label, &size);
+        if (!text || !pyUnicodeToUtf16(label)) {
+            pyutil::replaceError(PyExc_ValueError, std::string(kNames) + ": the " + (c.indexLevel ? "index name " : "label ") +
+                                                       pyutil::shortRepr(label, 40) + " is not valid text: ", true);
             return false;
         }
         c.label.assign(text, static_cast<std::size_t>(size));
-        c.indexLevel = i < indexLevels;
-        c.position = c.indexLevel ? i : i - indexLevels;
         if (c.label.empty()) return fail(PyExc_ValueError, std::string(kNames) + ": a column name is empty" + where(c));
         auto [it, fresh] = seen.emplace(c.label, i);
         if (!fresh) {
             const Column& first = out[static_cast<std::size_t>(it->second)];
             return fail(PyExc_ValueError, std::string(kNames) + ": the name '" + c.label + "' is used twice" +
-                                              where(first) + where(c));
+                                              where(first) + where(c) +
+                                              (first.indexLevel ? "; rename the index, for example with "
+                                                                  "df.rename_axis(index=...)"
+                                                                : ""));
         }
-        static const char* const kReserved[] = {"Properties", "RowNames", "VariableNames", "Row", "Variables", ":"};
-        for (const char* r : kReserved)
-            if (c.label == r)
-                return fail(PyExc_ValueError, std::string(kNames) + ": '" + c.label +
-                                                  "' is a name tables keep for themselves; rename the column" + where(c));
+        if (isReservedName(c.label))
+            return fail(PyExc_ValueError, std::string(kNames) + ": '" + c.label + "' is a name tables keep for themselves; " +
+                                              (c.indexLevel ? "rename the index" : "rename the column") + where(c));
     }
+    return true;
+}
+
+// The name of the columns axis (df.columns.name, which pivot and unstack set) as the name of the variables
+// dimension; nothing for none, which the table writes as its default "Variables". False with an error set.
+bool readColumnsName(PyObject* columns, const std::vector<Column>& cols, std::optional<Array>& out, ArrayFactory& f) {
+    Ref name = getAttribute(columns, "name");
+    if (!name) return false;
+    if (name.get() == Py_None) return true;
+    const std::string prefix = std::string(kNames) + ": the columns' axis name (df.columns.name) ";
+    constexpr char kDrop[] = "df = df.rename_axis(columns=None)";
+    if (!PyUnicode_Check(name.get()))
+        return fail(PyExc_ValueError, prefix + pyutil::shortRepr(name.get(), 40) + " of type '" + pyutil::typeName(name.get()) +
+                                          "' is not text; make it a str, for example df = df.rename_axis(columns=str)");
+    Py_ssize_t size = 0;
+    const char* text = PyUnicode_AsUTF8AndSize(name.get(), &size);
+    std::optional<std::u16string> units = text ? pyUnicodeToUtf16(name.get()) : std::nullopt;
+    if (!units) {
+        pyutil::replaceError(PyExc_ValueError, prefix + pyutil::shortRepr(name.get(), 40) + " is not valid text: ", true);
+        return false;
+    }
+    const std::string label(text, static_cast<std::size_t>(size));
+    if (label.empty()) return fail(PyExc_ValueError, prefix + "is empty; drop it, for example " + kDrop);
+    if (isReservedName(label))
+        return fail(PyExc_ValueError, prefix + "'" + label + "' is a name tables keep for themselves; rename or drop it, "
+                                                           "for example " + kDrop);
+    for (const Column& c : cols)
+        if (c.label == label)
+            return fail(PyExc_ValueError, prefix + "'" + label + "' is also the name of a column" + where(c) +
+                                              "; rename or drop it, for example " + kDrop);
+    out = f.createCharArray(*units);
+    return true;
+}
+
+// Whether each level of the index has no name (reset_index names those "index" or "level_N"). An index whose
+// names cannot be read counts as one named level. False with an error that is not ordinary pending.
+bool indexLevels(PyObject* index, std::vector<bool>& unnamed) {
+    Ref names = index ? Ref::steal(PyObject_GetAttrString(index, "names")) : Ref();
+    Ref list = names ? Ref::steal(PySequence_List(names.get())) : Ref();
+    if (!list) {
+        unnamed.assign(1, false);
+        return pyutil::clearOrdinary();
+    }
+    for (Py_ssize_t i = 0; i < PyList_Size(list.get()); ++i) unnamed.push_back(PyList_GetItem(list.get(), i) == Py_None);
+    if (unnamed.empty()) unnamed.push_back(false);
     return true;
 }
 
@@ -352,20 +445,25 @@ std::optional<Array> PyDataFrameToTable::doConvert(PyObject* obj, const Conversi
 
     // An index other than the default becomes the first columns.
     Ref frame = Ref::borrow(obj);
-    Py_ssize_t indexLevels = 0;
+    std::vector<bool> unnamedLevels;  // one per index level made a column
     Ref index = Ref::steal(PyObject_GetAttrString(obj, "index"));
-    PyErr_Clear();
-    if (!isDefaultIndex(index.get(), m.rangeIndex.get())) {
-        long long levels = 1;
-        if (index && !getInt64Attribute(index.get(), "nlevels", levels)) PyErr_Clear();
-        indexLevels = static_cast<Py_ssize_t>(levels);
-        frame = Ref::steal(PyObject_CallMethod(obj, "reset_index", nullptr));
+    if (!index && !pyutil::clearOrdinary()) return failed();
+    const int isDefault = isDefaultIndex(index.get(), m.rangeIndex.get());
+    if (isDefault < 0) return failed();
+    if (!isDefault) {
+        if (!indexLevels(index.get(), unnamedLevels)) return failed();
+        // A level named like a column (or like one that reset_index names level_N) is refused below, naming
+        // both, rather than by pandas' own "already exists".
+        Ref kwargs = Ref::steal(Py_BuildValue("{s:O}", "allow_duplicates", Py_True));
+        frame = kwargs ? call(obj, "reset_index", nullptr, kwargs.get()) : Ref();
         if (!frame) return failed();
     }
 
     Ref columns = getAttribute(frame.get(), "columns");
     if (!columns) return failed();
-    if (isA(columns.get(), m.multiIndex.get()))
+    const int multi = isA(columns.get(), m.multiIndex.get());
+    if (multi < 0) return failed();
+    if (multi)
         return fail(PyExc_ValueError, std::string(kNames) +
                                           ": the columns are a MultiIndex; join each column's levels into one label first");
     Ref labels = Ref::steal(PySequence_List(columns.get()));
@@ -375,26 +473,30 @@ std::optional<Array> PyDataFrameToTable::doConvert(PyObject* obj, const Conversi
     const Py_ssize_t rows = rowIndex ? PyObject_Length(rowIndex.get()) : -1;
     if (rows < 0) return failed();
     const Py_ssize_t n = isEmpty ? 0 : PyList_Size(labels.get());
-    indexLevels = std::min(indexLevels, n);
+    if (static_cast<Py_ssize_t>(unnamedLevels.size()) > n) unnamedLevels.resize(static_cast<std::size_t>(n));
 
     std::vector<Column> cols;
-    if (!readLabels(labels.get(), n, indexLevels, cols)) return failed();
+    TableColumns parts;
+    if (!readLabels(labels.get(), n, unnamedLevels, cols) || !readColumnsName(columns.get(), cols, parts.variablesName, factory()))
+        return failed();
 
     // The row times: the first column of a datetime dtype.
     Ref dtypesAttr = n ? getAttribute(frame.get(), "dtypes") : Ref();
     Ref dtypes = dtypesAttr ? Ref::steal(PySequence_Tuple(dtypesAttr.get())) : Ref();
     if (n && !dtypes) return failed();
     Py_ssize_t timeColumn = -1;
-    for (Py_ssize_t i = 0; i < n && i < PyTuple_Size(dtypes.get()); ++i)
-        if (kindText(PyTuple_GetItem(dtypes.get(), i)) == "M") {
+    for (Py_ssize_t i = 0; i < n && i < PyTuple_Size(dtypes.get()); ++i) {
+        const std::optional<std::string> kind = kindText(PyTuple_GetItem(dtypes.get(), i));
+        if (!kind) return failed();
+        if (*kind == "M") {
             timeColumn = i;
             break;
         }
+    }
 
     Ref iloc = n ? getAttribute(frame.get(), "iloc") : Ref();
     if (n && !iloc) return failed();
     const ConversionState inner = state.forElement();
-    TableColumns parts;
     parts.rows = static_cast<std::uint64_t>(rows);
     std::optional<Array> rowTimes;
     Array rowTimesName;

@@ -117,8 +117,10 @@ Array makeTable(ArrayFactory& f, TableColumns columns) {
     Array nrows = count(f, rows);
     Array rowDim = structOf(f, rowDimFields(),
                             {c.text, c.no, c.yes, c.duplicateId, c.emptyChar, c.emptyCell, nrows, c.no, c.subsType});
+    Array dimensionNames = columns.variablesName ? f.createCellArray({1, 2}, {c.row, std::move(*columns.variablesName)})
+                                                 : c.dimensionNames;
     Array props = structOf(f, propsFields(),
-                           {c.no, c.yes, c.emptyChar, c.noFields, c.noFields, c.dimensionNames, c.emptyRow, c.emptyRow,
+                           {c.no, c.yes, c.emptyChar, c.noFields, c.noFields, dimensionNames, c.emptyRow, c.emptyRow,
                             c.emptyDouble, c.emptyRow, c.emptyRow, c.emptyRow, c.four, c.one, c.emptyChar});
     const Ids& id = ids();
     ValueObjectArray table = f.createValueObjectScalar(id.table, id.tableProps);
@@ -140,7 +142,9 @@ Array makeTimetable(ArrayFactory& f, TableColumns columns, Array rowTimes, Array
         {c.noFields, c.noFields, c.seven, c.versionTwo, c.emptyChar, c.two, zero, zero, zero, zero, c.emptyRow,
          c.emptyRow, c.emptyRow, c.emptyRow, count(f, rows), count(f, vars), c.emptyRow, c.emptyRow, c.emptyDouble,
          c.emptyRow, arrayProps, rowCell(f, std::move(columns.names)), rowCell(f, std::move(columns.data)),
-         std::move(rowTimes), f.createCellArray({1, 2}, {std::move(rowTimesName), c.variables})});
+         std::move(rowTimes),
+         f.createCellArray({1, 2}, {std::move(rowTimesName), columns.variablesName ? std::move(*columns.variablesName)
+                                                                                    : c.variables})});
     const Ids& id = ids();
     ValueObjectArray timetable = f.createValueObjectScalar(id.timetable, {id.customSave});
     timetable.setProperty(0, id.customSave, save);
@@ -161,6 +165,10 @@ TableParts readTableParts(const Array& table, bool timetable) {
         parts.dimNames = fieldOf(*save, "dimNames");
         parts.rowNames = fieldOf(*save, "rownames");
         parts.rows = fieldOf(*save, timetable ? "numRows" : "nrows");
+        if (!parts.dimNames) {
+            const std::optional<Array> props = fieldOf(*save, "props");
+            if (props) parts.dimNames = fieldOf(*props, "DimensionNames");
+        }
         return parts;
     }
     if (timetable) return parts;
@@ -168,6 +176,8 @@ TableParts readTableParts(const Array& table, bool timetable) {
     parts.names = propertyOf(v, "varnames");
     parts.rowNames = propertyOf(v, "rownames");
     parts.rows = propertyOf(v, "nrows");
+    const std::optional<Array> props = propertyOf(v, "props");
+    if (props) parts.dimNames = fieldOf(*props, "DimensionNames");
     return parts;
 }
 

@@ -5,7 +5,9 @@
 //    nvars, rowDim, rownames, varnames (1-by-N cell of char rows) and props, in that order;
 //  - "timetable": a 1x1 value object with one property, __CustomSave, a 1x1 struct of 25 fields in a fixed
 //    order, among them data, varNames, rowTimes (an engine datetime) and dimNames (the row-time name, then
-//    "Variables").
+//    the variables' name).
+// The variables' dimension name ("Variables" unless the DataFrame's columns axis has a name) is the second of
+// a table's props.DimensionNames and of a timetable's dimNames.
 // docs/wire-format.md describes both for peers.
 #pragma once
 
@@ -24,6 +26,8 @@ struct TableColumns {
     std::vector<Array> names;  // one char row per variable
     std::vector<Array> data;   // one N-by-1 array (or value object) per variable
     std::uint64_t rows = 0;
+    // The char row naming the variables dimension (the DataFrame's columns axis); "Variables" when absent.
+    std::optional<Array> variablesName;
 };
 
 Array makeTable(ArrayFactory& f, TableColumns columns);
@@ -32,7 +36,8 @@ Array makeTimetable(ArrayFactory& f, TableColumns columns, Array rowTimes, Array
 
 // What a table or timetable holds, as read back. Absent members were not in the message.
 struct TableParts {
-    std::optional<Array> data, names, rowNames, rowTimes, dimNames, rows;
+    std::optional<Array> data, names, rowNames, rowTimes, dimNames, rows;  // dimNames: a timetable's, or a table's
+                                                                          // props.DimensionNames
 };
 // Reads the parts of a 1x1 "table" or "timetable" value object: a timetable's from __CustomSave, a table's
 // from its own properties (or from a __CustomSave struct, when it carries one).

@@ -1,6 +1,8 @@
 #include "tables/table_to_dataframe.h"
 
 #include <cmath>
+#include <iterator>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -107,6 +109,13 @@ Ref numericColumn(const Modules& m, const Array& a) {
 Ref localized(const Modules& m, PyObject* times, PyObject* zone) {
     Ref flat = Ref::steal(PyObject_CallMethod(m.numpy.get(), "asarray", "(O)", times));
     flat = flat ? Ref::steal(PyObject_CallMethod(flat.get(), "reshape", "(i)", -1)) : Ref();
+    // Times that are all NaT carry no unit, and pandas takes none: they come back as nanoseconds, the unit of
+    // every datetime that fits it.
+    Ref dtype = flat ? Ref::steal(PyObject_GetAttrString(flat.get(), "dtype")) : Ref();
+    Ref dtypeName = dtype ? Ref::steal(PyObject_GetAttrString(dtype.get(), "name")) : Ref();
+    if (!dtypeName) return Ref();
+    if (PyUnicode_Check(dtypeName.get()) && PyUnicode_CompareWithASCIIString(dtypeName.get(), "datetime64") == 0)
+        flat = Ref::steal(PyObject_CallMethod(flat.get(), "astype", "(s)", "datetime64[ns]"));
     if (!flat || zone == Py_None) return flat;
     Ref index = Ref::steal(PyObject_CallMethod(m.pandas.get(), "DatetimeIndex", "(O)", flat.get()));
     const Py_ssize_t n = flat ? PyObject_Length(flat.get()) : -1;
@@ -124,43 +133,79 @@ Ref datetimeColumn(const Modules& m, const Array& a) {
     if (!times) return Ref();
     Ref zone = Ref::steal(timeZoneForPandas(a));
     if (!zone) return Ref();
-    if (!PyObject_HasAttrString(times.get(), "dtype"))  // one datetime.datetime, with its tzinfo
-        return Ref::steal(listOf(times.get()).release());
+    const int array = pyutil::hasAttribute(times.get(), "dtype");
+    if (array < 0) return Ref();
+    if (!array) return listOf(times.get());  // one datetime.datetime, with its tzinfo
     Ref values = localized(m, times.get(), zone.get());
     if (!values || zone.get() == Py_None) return values;
     return Ref::steal(PyObject_GetAttrString(values.get(), "array"));
 }
 
 // The unit pandas gives a column of timedelta objects (nanoseconds before pandas 3, microseconds since) and
-// its count per millisecond; found once per process.
+// its count per millisecond; found once per process. Null with an error that is not ordinary pending (and
+// nothing kept, so that the next call asks again).
 struct PandasUnit {
     std::string dtype = "timedelta64[ns]";
     double perMilli = 1e6;
 };
-const PandasUnit& pandasDurationUnit(const Modules& m) {
-    static const PandasUnit kUnit = [&m] {
-        PandasUnit u;
-        Ref datetimeModule = Ref::steal(PyImport_ImportModule("datetime"));
-        Ref zero = datetimeModule ? Ref::steal(PyObject_CallMethod(datetimeModule.get(), "timedelta", nullptr)) : Ref();
-        Ref list = zero ? listOf(zero.get()) : Ref();
-        Ref series = list ? Ref::steal(PyObject_CallMethod(m.pandas.get(), "Series", "(O)", list.get())) : Ref();
-        Ref dtype = series ? Ref::steal(PyObject_GetAttrString(series.get(), "dtype")) : Ref();
-        Ref text = dtype ? Ref::steal(PyObject_Str(dtype.get())) : Ref();
-        const char* name = text ? PyUnicode_AsUTF8AndSize(text.get(), nullptr) : nullptr;
-        if (name && std::string(name) == "timedelta64[us]") u = PandasUnit{name, 1e3};
-        PyErr_Clear();
-        return u;
-    }();
-    return kUnit;
+const PandasUnit* pandasDurationUnit(const Modules& m) {
+    static std::optional<PandasUnit> found;
+    if (found) return &*found;
+    PandasUnit u;
+    Ref datetimeModule = Ref::steal(PyImport_ImportModule("datetime"));
+    Ref zero = datetimeModule ? Ref::steal(PyObject_CallMethod(datetimeModule.get(), "timedelta", nullptr)) : Ref();
+    Ref list = zero ? listOf(zero.get()) : Ref();
+    Ref series = list ? Ref::steal(PyObject_CallMethod(m.pandas.get(), "Series", "(O)", list.get())) : Ref();
+    Ref dtype = series ? Ref::steal(PyObject_GetAttrString(series.get(), "dtype")) : Ref();
+    Ref text = dtype ? Ref::steal(PyObject_Str(dtype.get())) : Ref();
+    const char* name = text ? PyUnicode_AsUTF8AndSize(text.get(), nullptr) : nullptr;
+    if (name && std::string(name) == "timedelta64[us]") u = PandasUnit{name, 1e3};
+    if (!pyutil::clearOrdinary()) return nullptr;
+    found = u;
+    return &*found;
+}
+
+// Units a column of durations is coarsened to when a value does not fit pandas' own, finest first.
+struct CoarseUnit {
+    const char* dtype;
+    double millis;
+};
+constexpr CoarseUnit kCoarseUnits[] = {{"timedelta64[ms]", 1},     {"timedelta64[s]", 1e3},  {"timedelta64[m]", 6e4},
+                                       {"timedelta64[h]", 3.6e6}, {"timedelta64[D]", 8.64e7}, {"timedelta64[W]", 6.048e8}};
+
+// Whether trunc(x) is a count numpy stores (NaT's pattern excluded).
+bool fitsCount(double x) { return x > -9.2233720368547758e18 && x < 9.2233720368547758e18; }
+
+// Milliseconds (NaN for NaT) in the finest coarse unit that holds every one, truncated to it: the unit arrays
+// of durations of any length come back in, never wrapped.
+Ref coarseDurations(const Array& millis) {
+    const std::uint64_t n = millis.getNumberOfElements();
+    std::size_t unit = 0;
+    for (std::uint64_t i = 0; i < n; ++i) {
+        const double x = millis[i].castTo<double>();
+        if (std::isnan(x)) continue;
+        if (std::isinf(x)) return fail(PyExc_OverflowError, "cannot convert an infinite duration to numpy timedelta64");
+        while (!fitsCount(std::trunc(x / kCoarseUnits[unit].millis)))
+            if (++unit == std::size(kCoarseUnits)) return fail(PyExc_OverflowError, "duration too long for numpy timedelta64");
+    }
+    TimeArrayBuilder out;
+    if (!out.start(n)) return Ref();
+    for (std::uint64_t i = 0; i < n; ++i) {
+        const double x = millis[i].castTo<double>();
+        out.data()[i] = std::isnan(x) ? kNaT : static_cast<std::int64_t>(std::trunc(x / kCoarseUnits[unit].millis));
+    }
+    return Ref::steal(out.finish(kCoarseUnits[unit].dtype, Dims{1, n}));
 }
 
 // Durations as a one-dimensional timedelta64 array in pandas' own unit (NaN as NaT), rounded to it; when a
-// value does not fit that unit, as the duration conversion gives them (coarser, never wrapped).
+// value does not fit that unit, in a coarser one (coarseDurations), one row as any other number of rows.
 Ref durationColumn(const Modules& m, const Array& a) {
     const foundation::veltradata::VeltraPropertyIdentifier millisId("millis");
     if (a.getNumberOfElements() == 1 && foundation::veltradata::valueObjects(a)[0].hasProperty(millisId)) {
         const Array& millis = foundation::veltradata::valueObjects(a)[0][millisId];
-        const PandasUnit& unit = pandasDurationUnit(m);
+        const PandasUnit* found = pandasDurationUnit(m);
+        if (!found) return Ref();
+        const PandasUnit& unit = *found;
         const std::uint64_t n = millis.getNumberOfElements();
         TimeArrayBuilder out;
         if (isNumericKind(millis.getType()) && out.start(n)) {
@@ -177,6 +222,7 @@ Ref durationColumn(const Modules& m, const Array& a) {
                                 std::llround((x - whole) * unit.perMilli);
             }
             if (fits) return Ref::steal(out.finish(unit.dtype.c_str(), Dims{1, n}));
+            return coarseDurations(millis);
         }
         if (PyErr_Occurred()) return Ref();
     }
@@ -208,6 +254,25 @@ Ref dictionaryColumn(const Array& a) {
     return list;
 }
 
+// Texts (str or None) as a column. pandas infers its own string dtype from the texts, but not from missing
+// values alone: a column without a text is given that dtype, as the one pandas infers from a text.
+Ref stringColumn(const Modules& m, PyObject* texts) {
+    for (Py_ssize_t i = 0; i < PyList_Size(texts); ++i)
+        if (PyList_GetItem(texts, i) != Py_None) return Ref::borrow(texts);
+    Ref sample = Ref::steal(Py_BuildValue("[s]", "a"));
+    Ref series = sample ? Ref::steal(PyObject_CallMethod(m.pandas.get(), "Series", "(O)", sample.get())) : Ref();
+    Ref dtype = series ? Ref::steal(PyObject_GetAttrString(series.get(), "dtype")) : Ref();
+    Ref numpyDtype = dtype ? Ref::steal(PyObject_GetAttrString(m.numpy.get(), "dtype")) : Ref();
+    const int plain = numpyDtype ? PyObject_IsInstance(dtype.get(), numpyDtype.get()) : -1;
+    if (plain < 0) return Ref();
+    if (plain) return Ref::borrow(texts);  // pandas 2: text is object
+    Ref array = Ref::steal(PyObject_GetAttrString(m.pandas.get(), "array"));
+    Ref args = Ref::steal(PyTuple_Pack(1, texts));
+    Ref kwargs = Ref::steal(Py_BuildValue("{s:O}", "dtype", dtype.get()));
+    if (!array || !args || !kwargs) return Ref();
+    return Ref::steal(PyObject_Call(array.get(), args.get(), kwargs.get()));
+}
+
 // One variable -> what pandas.DataFrame takes as a column.
 Ref variableToColumn(const Modules& m, const Array& v) {
     const ArrayType t = v.getType();
@@ -216,7 +281,8 @@ Ref variableToColumn(const Modules& m, const Array& v) {
         if (!isColumn(v)) return fail(PyExc_TypeError, "unable to flatten multidimensional array");
         if (t == ArrayType::VELTRA_STRING) {
             Ref texts = Ref::steal(convertToPython(v));  // one element comes as itself
-            return !texts || PyList_Check(texts.get()) ? std::move(texts) : listOf(texts.get());
+            if (texts && !PyList_Check(texts.get())) texts = listOf(texts.get());
+            return texts ? stringColumn(m, texts.get()) : Ref();
         }
         return numericColumn(m, v);
     }
@@ -264,6 +330,18 @@ std::optional<std::uint64_t> countOf(const std::optional<Array>& a) {
     const double x = (*a)[0].castTo<double>();
     if (!(x >= 0 && x < 9.0e15) || x != std::floor(x)) return std::nullopt;
     return static_cast<std::uint64_t>(x);
+}
+
+// The name of the variables dimension as the name of the columns axis: None for the default "Variables" (and
+// for none at all).
+Ref variablesName(const TableParts& p, const std::string& cls) {
+    if (!p.dimNames || p.dimNames->getType() != ArrayType::CELL || p.dimNames->getNumberOfElements() < 2)
+        return Ref::borrow(Py_None);
+    Ref name = nameText(foundation::veltradata::cellElements(*p.dimNames)[1], "VELTRA " + cls + " dimension names");
+    if (!name) return Ref();
+    if (PyUnicode_GetLength(name.get()) == 0 || PyUnicode_CompareWithASCIIString(name.get(), "Variables") == 0)
+        return Ref::borrow(Py_None);
+    return name;
 }
 
 Ref rowTimesIndex(const Modules& m, const TableParts& p) {
@@ -376,6 +454,15 @@ PyObject* tableToPython(const Array& a, bool timetable) {
     if (!frame || PyObject_SetAttrString(frame.get(), "columns", labels.get()) < 0) {
         pyutil::replaceError(PyExc_ValueError, kCreate);
         return nullptr;
+    }
+    Ref columnsName = variablesName(p, cls);
+    if (!columnsName) return nullptr;
+    if (columnsName.get() != Py_None) {
+        Ref axis = Ref::steal(PyObject_GetAttrString(frame.get(), "columns"));
+        if (!axis || PyObject_SetAttrString(axis.get(), "name", columnsName.get()) < 0) {
+            pyutil::replaceError(PyExc_ValueError, kCreate);
+            return nullptr;
+        }
     }
     return frame.release();
 }

@@ -196,22 +196,37 @@ def _frames(rows=4096):
     now and then, which would look like growth."""
     good = pd.DataFrame({"f": np.arange(rows, dtype=float), "s": ["x" * 7, None] * (rows // 2),
                          "k": pd.Categorical(["a", "b"] * (rows // 2)), "n": pd.array([1, None] * (rows // 2), "Int64"),
-                         "d": pd.to_timedelta(np.arange(rows), unit="ms")},
+                         "d": pd.to_timedelta(np.arange(rows), unit="ms"), "e": [None] * rows,
+                         "z": np.full(rows, np.datetime64("NaT", "s"))},
                         index=pd.date_range("2024-01-01", periods=rows, freq="s", tz="Europe/Paris", name="t"))
+    good.columns.name = "var"
     bad = [pd.DataFrame({"p": pd.period_range("2024-01", periods=2, freq="M")}),
            pd.DataFrame({"m": ["a", 1]}, dtype=object), pd.DataFrame({"b": pd.array([True, None], "boolean")}),
-           pd.DataFrame([[1, 2]], columns=["a", "a"])]
+           pd.DataFrame([[1, 2]], columns=["a", "a"]), pd.DataFrame({"a": [1.0], 0: [2.0]}),
+           pd.DataFrame({"t": [1.5]}, index=pd.Index([7], name="t")), pd.DataFrame({"k": [1.0]}).rename_axis(columns="k")]
     return good, bad
+
+
+def _interrupted(*args, **kwargs):
+    raise KeyboardInterrupt
 
 
 def _tables():
     """DataFrames to tables and timetables and back, and the frames and tables that are refused."""
     frame, bad_frames = _frames()
-    back, plain = py_pb.serialized_str_to_py(loopback(py_pb.py_to_serialized_str((frame, frame.reset_index()))))
+    times = pd.DataFrame({"z": np.array(["NaT"], "M8[ns]"), "d": np.array([2**62], "m8[s]")})
+    back, plain, _ = py_pb.serialized_str_to_py(loopback(py_pb.py_to_serialized_str((frame, frame.reset_index(), times))))
     assert len(back) == len(plain) == len(frame)
     for bad in bad_frames:
         with pytest.raises((TypeError, ValueError)):
             py_pb.py_to_serialized_str((bad,))
+    arrow_array = pd.arrays.StringArray.__arrow_array__
+    pd.arrays.StringArray.__arrow_array__ = _interrupted
+    try:
+        with pytest.raises(KeyboardInterrupt):
+            py_pb.py_to_serialized_str((frame.astype({"s": "string[python]"}),))
+    finally:
+        pd.arrays.StringArray.__arrow_array__ = arrow_array
     nested = value_object("table", [{"data": cell([numeric(DOUBLE, [1.0] * 1024, (1024, 1)),
                                                    value_object("table", [{}], (1, 1))]),
                                      "varnames": cell([char("a"), char("b")]), "rownames": cell([])}], (1, 1))

@@ -2,6 +2,9 @@
 the tables the peer writes, round trips through the loopback, and every refusal."""
 
 import datetime as dt
+import random
+import signal
+import sys
 
 import numpy as np
 import pandas as pd
@@ -14,6 +17,7 @@ from conftest import CELL, CHAR, DOUBLE, INT32, LOGICAL, STRING, STRUCT, UINT8, 
 from py_pb_peer import (cell, char, datetime_texts, handles, numeric, read_one, roundtrip, sent, strings, struct,
                         value_object)
 from py_pb_peer import array as pb_array
+from veltra.loopback import loopback
 
 PANDAS3 = int(pd.__version__.split(".")[0]) >= 3
 DURATIONS = pd.Series([dt.timedelta(0)]).dtype  # pandas' own unit, which durations come back in
@@ -160,9 +164,68 @@ def test_nullable_columns_keep_their_values_exactly(dtype, values, expected):
         np.testing.assert_array_equal(out.to_numpy(), expected, strict=True)
 
 
-def test_labels_that_are_not_text_go_by_their_str():
-    out = back(pd.DataFrame({0: [1.0], (1, "b"): [2.0]}))
-    assert list(out.columns) == ["0", "(1, 'b')"]
+def test_columns_that_are_all_missing_come_back_as_their_kind():
+    nat = np.array(["NaT", "NaT"], "M8[s]")
+    coerced = pd.to_datetime(["x", "y"], errors="coerce", format="%Y")
+    for df in (pd.DataFrame({"t": nat, "v": [1.0, 2.0]}),  # the row times
+               pd.DataFrame({"t": pd.to_datetime(["2024-01-01", "2024-01-02"]), "u": nat.astype("M8[us]")}),
+               pd.DataFrame({"t": coerced.tz_localize("Asia/Tokyo"), "u": coerced})):
+        out = back(df)
+        # NaT alone carries no unit: nanoseconds, as for any datetime that fits them.
+        expected = df.apply(lambda c: c.dt.as_unit("ns") if c.dtype.kind == "M" and c.isna().all() else c)
+        expected = expected.set_index("t")
+        pd.testing.assert_frame_equal(out, expected, check_column_type=False)
+    # Text: pandas' own string dtype, as for a column with some text.
+    text = pd.Series(["a"]).dtype
+    for column in (pd.Series([None, None], dtype=object), pd.Series([None, np.nan], dtype=text)):
+        out = back(pd.DataFrame({"s": column}))["s"]
+        assert out.dtype == text and out.isna().all()
+    assert read_one(table([strings([None], (1, 1))], ["s"]))["s"].dtype == text
+
+
+def test_a_duration_beyond_pandas_unit_comes_back_coarser_in_one_row_as_in_many():
+    for values in ([2**62], [2**62, 1]):
+        out = back(pd.DataFrame({"d": np.array(values, "m8[s]")}))["d"]
+        np.testing.assert_array_equal(out.to_numpy(), np.array(values, "m8[s]"), strict=True)
+
+
+def test_the_columns_axis_name_travels_as_the_name_of_the_variables_dimension():
+    long = pd.DataFrame({"when": pd.to_datetime(["2024-01-01"] * 2 + ["2024-01-02"] * 2), "k": ["a", "b"] * 2,
+                         "v": [1.0, 2.0, 3.0, 4.0]})
+    wide = long.pivot(index="when", columns="k", values="v")  # a timetable, with columns.name "k"
+    assert wide.columns.name == "k"
+    save = fields(one(wide)[1]["__CustomSave"])
+    assert save["dimNames"] == (CELL, (1, 2), [(CHAR, (1, 4), "when"), (CHAR, (1, 1), "k")])
+    plain = wide.reset_index(drop=True)  # a table
+    props = fields(one(plain)[1]["props"])
+    assert props["DimensionNames"] == (CELL, (1, 2), [(CHAR, (1, 3), "Row"), (CHAR, (1, 1), "k")])
+    for df in (wide, plain):
+        pd.testing.assert_frame_equal(back(df), df, check_column_type=False)
+    # The engine's default name is no name.
+    rows = [numeric(DOUBLE, [1.0], (1, 1))], ["x"], datetime_texts(["2024-01-01"], (1, 1))
+    assert read_one(timetable(*rows, ("Time", "Sensors"))).columns.name == "Sensors"
+    assert read_one(timetable(*rows, ("Time", "Variables"))).columns.name is None
+
+
+@pytest.mark.parametrize("df, value, advice, fix", [
+    (pd.DataFrame({"a": [1.0], 0: [2.0]}), "the label 0 of type 'int' at position 1 is not text",
+     "df.columns = df.columns.astype(str)", lambda df: df.set_axis(df.columns.astype(str), axis=1)),
+    (pd.DataFrame({"a": [1.0]}, index=pd.Index([5], name=3)), "the name 3 of type 'int' of index level 0",
+     "df = df.rename_axis(index=str)", lambda df: df.rename_axis(index=str)),
+    (pd.DataFrame({"time": [1.5]}, index=pd.Index([7], name="time")), "'time' is used twice (index 'time')",
+     "rename the index", lambda df: df.rename_axis(index="at")),
+    (pd.DataFrame({"level_0": [1.5]}, index=pd.MultiIndex.from_tuples([(1, 2)])),
+     "'level_0' is used twice (unnamed index level 0, taken as 'level_0')", "rename the index",
+     lambda df: df.rename_axis(index=["a", "b"])),
+    (pd.DataFrame({"k": [1.0]}).rename_axis(columns="k"), "(df.columns.name) 'k' is also the name of a column",
+     "df = df.rename_axis(columns=None)", lambda df: df.rename_axis(columns=None)),
+])
+def test_names_that_are_not_text_or_are_taken_are_refused_with_advice_that_works(df, value, advice, fix):
+    with pytest.raises(ValueError) as e:
+        py_pb.py_to_serialized_str((df,))
+    assert str(e.value).startswith("unable to convert pandas.DataFrame column names to VELTRA: ")
+    assert value in str(e.value) and advice in str(e.value)
+    py_pb.py_to_serialized_str((fix(df),))
 
 
 @st.composite
@@ -290,7 +353,7 @@ def test_a_table_without_its_layout_is_refused():
     (pd.DataFrame({"f": pd.array([True, None], dtype="boolean")}), TypeError,
      "conversion of pandas.DataFrame 'boolean' column with missing values to VELTRA is not supported: logical "
      "arrays have no missing value; fill them (fillna) or convert the column to float (column 'f', position 0)"),
-    (pd.DataFrame([[1, 2]], columns=[1, "1"]), ValueError,
+    (pd.DataFrame([[1, 2]], columns=["1", "1"]), ValueError,
      "unable to convert pandas.DataFrame column names to VELTRA: the name '1' is used twice (column '1', position 0)"
      " (column '1', position 1)"),
     (pd.DataFrame({"": [1]}), ValueError,
@@ -338,3 +401,89 @@ def test_pyarrow_held_string_columns_are_read_in_place_as_their_text():
     for col in columns:
         [[_, _, (_, [p])]] = sent(pd.DataFrame({"c": col}))
         assert p["data"][2] == [(STRING, (len(col), 1), [None if pd.isna(v) else v for v in col])]
+
+
+def test_a_chunk_whose_numbers_run_past_its_buffers_is_read_the_general_way(monkeypatch):
+    class Chunk:  # pyarrow's layout from a duck, whose offset and length would make (offset + length + 1) * 4 wrap
+        type = "string"
+        offset = 2**62 - 2**40
+
+        def __len__(self):
+            return 2**40
+
+        def buffers(self):
+            return [None, bytes(8), b""]
+
+    monkeypatch.setattr(pd.arrays.StringArray, "__arrow_array__", lambda self, type=None: Chunk())
+    [[_, _, (_, [p])]] = sent(pd.DataFrame({"s": pd.array(["a", None], dtype="string[python]")}))
+    assert p["data"][2] == [(STRING, (2, 1), ["a", None])]
+
+
+# ---- Ctrl-C ----
+
+@pytest.mark.parametrize("error", [KeyboardInterrupt, SystemExit, MemoryError])
+def test_errors_that_are_not_ordinary_pass_through_a_frame_conversion(monkeypatch, error):
+    def interrupted(*args, **kwargs):
+        raise error
+
+    with monkeypatch.context() as m:  # a column read from pyarrow's buffers
+        m.setattr(pd.arrays.StringArray, "__arrow_array__", interrupted)
+        with pytest.raises(error):
+            py_pb.py_to_serialized_str((pd.DataFrame({"s": pd.array(["a"], dtype="string[python]")}),))
+    with monkeypatch.context() as m:  # taking a column
+        m.setattr(pd.core.indexing._iLocIndexer, "__getitem__", interrupted)
+        with pytest.raises(error):
+            py_pb.py_to_serialized_str((pd.DataFrame({"f": [1.0]}),))
+
+
+def _calls_made(convert, arg, interrupt_at=None):
+    """Runs convert(arg), counting the Python functions the conversion itself calls (those called from our code,
+    not from within pandas: numpy and pandas absorb some errors raised deep inside them, which is theirs to
+    answer for); raises SIGINT from within the interrupt_at-th of them. Returns the count."""
+    count, caller = 0, None
+
+    def profile(frame, event, _):
+        nonlocal count
+        if event == "call" and frame.f_back is caller:
+            count += 1
+            if count == interrupt_at:
+                signal.raise_signal(signal.SIGINT)
+
+    def run():
+        nonlocal caller
+        caller = sys._getframe()
+        return convert(arg)
+
+    sys.setprofile(profile)
+    try:
+        run()
+    finally:
+        sys.setprofile(None)
+    return count
+
+
+def test_ctrl_c_at_any_call_of_a_frame_conversion_is_a_keyboard_interrupt_both_ways():
+    kinds = {"f": [1.5, 2.5], "n": pd.array([1, None], dtype="Int64"), "s": ["a", None],
+             "o": pd.Series(["x", None], dtype=object), "p": pd.array(["u", "v"], dtype="string[python]"),
+             "e": pd.Series([None, None], dtype=object), "c": pd.Categorical(["b", "a"]),
+             "d": pd.to_timedelta([1, 2], unit="s"), "z": pd.to_datetime([0, 1], unit="s", utc=True)}
+    df = pd.DataFrame({f"{k}{i}": v for i in range(6) for k, v in kinds.items()},
+                      index=pd.DatetimeIndex(["2024-01-01", "2024-01-02"], name="when").tz_localize("Europe/Paris"))
+    df.columns.name = "var"
+    data = loopback(py_pb.py_to_serialized_str((df,)))
+    expected = py_pb.serialized_str_to_py(data)[0]
+    rng = random.Random(20240601)
+    handler = signal.signal(signal.SIGINT, signal.default_int_handler)
+    try:
+        for convert, arg in ((py_pb.py_to_serialized_str, (df,)), (py_pb.serialized_str_to_py, data)):
+            convert(arg)  # what a first call caches does not shift the count
+            calls = _calls_made(convert, arg)
+            assert calls >= 50
+            for at in rng.sample(range(1, calls + 1), 50):
+                with pytest.raises(KeyboardInterrupt):
+                    _calls_made(convert, arg, interrupt_at=at)
+    finally:
+        signal.signal(signal.SIGINT, handler)
+    # Nothing is left half-done: the next conversions give what they gave before.
+    assert sys.getprofile() is None
+    pd.testing.assert_frame_equal(py_pb.serialized_str_to_py(loopback(py_pb.py_to_serialized_str((df,))))[0], expected)
