@@ -5,6 +5,7 @@
 
 #include "arraypkg/buffer_source.h"
 #include "arraypkg/typed_array.h"
+#include "veltradata/array_factory.h"
 #include "veltradata/impl.h"
 
 namespace PythonVeltraDataArray::arraypkg {
@@ -103,12 +104,10 @@ uint64_t bufferBytesEntry(PyObject* handle) {
     const Py_buffer* view = handle && isBufferHandle(handle) ? handleBuffer(handle, format) : nullptr;
     if (!view) return 0;
     std::uint64_t bytes = static_cast<std::uint64_t>(view->itemsize);
-    bool saturated = false;
     for (int k = 0; k < view->ndim; ++k) {
         const std::uint64_t d = static_cast<std::uint64_t>(view->shape[k]);
         if (d == 0) return 0;
-        saturated = saturated || bytes > UINT64_MAX / d;
-        bytes = saturated ? UINT64_MAX : bytes * d;
+        bytes = foundation::veltradata::saturatingProduct(bytes, d);
     }
     return bytes;
 }

@@ -65,12 +65,13 @@ Leaf classify(PyObject* o, Ref& out) {
         pyutil::BufferView view;
         BufferFormat format;
         if (acquireBuffer(o, view, format)) {
-            std::uint64_t n = 1;
-            for (int k = 0; k < view->ndim; ++k) n *= static_cast<std::uint64_t>(view->shape[k]);
+            // One element: every dimension 1 (a product of the exporter's numbers could wrap to 1).
+            bool one = true;
+            for (int k = 0; k < view->ndim; ++k) one = one && view->shape[k] == 1;
             Array a;
-            if (n == 1) a = copyBuffer(*view, format);
+            if (one) a = copyBuffer(*view, format);
             view.release();
-            if (n == 1) {
+            if (one) {
                 out = check(scalarToPython(a.impl().get<foundation::veltradata::detail::AlignedBuffer>().data(), a.getType()));
                 return classify(out.get(), out);
             }

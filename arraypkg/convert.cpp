@@ -179,7 +179,10 @@ Array convertArray(const Array& src, ArrayType to) {
         raise(PyExc_TypeError, "cannot convert an array of " + kindName(from) + " to " + kindName(to));
     const auto& impl = src.impl();
     const std::uint64_t n = impl.numel;
-    foundation::veltradata::detail::AlignedBuffer out(static_cast<std::size_t>(n) * foundation::veltradata::elementSize(to), false);
+    // A wider kind needs more bytes than the source holds: a count that does not fit saturates, which the
+    // allocator refuses, rather than wrapping to a buffer too small for the loop below.
+    const std::uint64_t bytes = foundation::veltradata::saturatingProduct(n, foundation::veltradata::elementSize(to));
+    foundation::veltradata::detail::AlignedBuffer out(static_cast<std::size_t>(bytes), false);
     convertElements(impl.get<foundation::veltradata::detail::AlignedBuffer>().data(), from, out.data(), to, n);
     foundation::veltradata::ClientArrayFactory f;
     return f.adoptBuffer(to, impl.dims, std::move(out));

@@ -52,6 +52,12 @@ void setOwnerLayout(Body& b) {
     b.offset = 0;
 }
 
+// Strides and offsets multiply in 64-bit modular arithmetic: exact for an array with elements (every offset
+// lies within it), and for an empty one, whose other dimensions may multiply past 64 bits, never used.
+std::int64_t wrappingProduct(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
+}
+
 std::uint64_t countOf(const std::vector<std::uint64_t>& shape) {
     std::uint64_t n = 1;
     for (std::uint64_t d : shape) n *= d;
@@ -78,7 +84,7 @@ bool isRowMajor(const Body& b) {
 
 std::vector<std::int64_t> byteStrides(const Body& b, std::size_t itemsize) {
     std::vector<std::int64_t> out(b.strides.size());
-    for (std::size_t k = 0; k < out.size(); ++k) out[k] = b.strides[k] * static_cast<std::int64_t>(itemsize);
+    for (std::size_t k = 0; k < out.size(); ++k) out[k] = wrappingProduct(b.strides[k], static_cast<std::int64_t>(itemsize));
     return out;
 }
 
@@ -112,7 +118,7 @@ PyObject* newView(PyObject* owner, std::vector<std::uint64_t> shape, std::vector
 PyObject* listOf(const std::uint8_t* p, const Body& b, std::size_t dim, ArrayType kind, std::size_t itemsize) {
     const Py_ssize_t n = static_cast<Py_ssize_t>(b.shape[dim]);
     Ref list = check(PyList_New(n));
-    const std::int64_t step = b.strides[dim] * static_cast<std::int64_t>(itemsize);
+    const std::int64_t step = wrappingProduct(b.strides[dim], static_cast<std::int64_t>(itemsize));
     if (Py_EnterRecursiveCall(" while converting an array to a list")) throw PyErrorSet{};
     struct Leave {
         ~Leave() { Py_LeaveRecursiveCall(); }
@@ -162,9 +168,9 @@ void applyKey(Region& r, std::size_t& axis, std::size_t dim, std::size_t ndim, P
         Py_ssize_t start, stop, step;
         if (PySlice_Unpack(key, &start, &stop, &step) < 0) throw PyErrorSet{};
         const Py_ssize_t n = PySlice_AdjustIndices(static_cast<Py_ssize_t>(len), &start, &stop, step);
-        if (n > 0) r.offset += static_cast<std::uint64_t>(start * r.strides[axis]);
+        if (n > 0) r.offset += static_cast<std::uint64_t>(wrappingProduct(start, r.strides[axis]));
         r.shape[axis] = static_cast<std::uint64_t>(n);
-        r.strides[axis] *= step;
+        r.strides[axis] = wrappingProduct(r.strides[axis], step);
         ++axis;
         return;
     }
@@ -178,7 +184,7 @@ void applyKey(Region& r, std::size_t& axis, std::size_t dim, std::size_t ndim, P
         raise(PyExc_IndexError, "index " + std::to_string(given) + " is out of range for dimension " +
                                     std::to_string(dim) + " of size " + std::to_string(len));
     }
-    r.offset += static_cast<std::uint64_t>(i * r.strides[axis]);
+    r.offset += static_cast<std::uint64_t>(wrappingProduct(i, r.strides[axis]));
     r.shape.erase(r.shape.begin() + static_cast<std::ptrdiff_t>(axis));
     r.strides.erase(r.strides.begin() + static_cast<std::ptrdiff_t>(axis));
 }
@@ -224,7 +230,7 @@ void assign(PyObject* self, PyObject* key, PyObject* value) {
     const std::vector<std::int64_t> ext = signedShape(r.shape);
     const int nd = static_cast<int>(ext.size());
     std::vector<std::int64_t> dst(r.strides.size()), src(r.strides.size(), 0);
-    for (std::size_t k = 0; k < dst.size(); ++k) dst[k] = r.strides[k] * static_cast<std::int64_t>(es);
+    for (std::size_t k = 0; k < dst.size(); ++k) dst[k] = wrappingProduct(r.strides[k], static_cast<std::int64_t>(es));
     if (!single) columnMajorStrides(ext.data(), nd, es, src.data());
     const std::uint8_t* from = v.impl().get<foundation::veltradata::detail::AlignedBuffer>().data();
     if (nd == 0) {
@@ -434,7 +440,7 @@ int bfGetBuffer(PyObject* self, Py_buffer* view, int flags) {
             if (!dims) throw std::bad_alloc();
             for (int k = 0; k < nd; ++k) {
                 dims[k] = static_cast<Py_ssize_t>(b.shape[k]);
-                dims[nd + k] = static_cast<Py_ssize_t>(b.strides[k] * static_cast<std::int64_t>(es));
+                dims[nd + k] = static_cast<Py_ssize_t>(wrappingProduct(b.strides[k], static_cast<std::int64_t>(es)));
             }
         }
         view->buf = const_cast<std::uint8_t*>(base) + b.offset * es;

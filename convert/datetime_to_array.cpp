@@ -181,11 +181,16 @@ std::optional<Array> PyNumpyDatetime64ArrayToDatetime::doConvert(PyObject* obj, 
     // Charged before anything is copied: a byte-swapped broadcast view is copied whole to native order.
     std::uint64_t claimed = 0, itemsize = 0;
     if (!numpySize(obj, claimed, itemsize)) return failed();
-    if (state.budget && !state.budget->chargeBytes(claimed * 8)) return failed();
+    // The claimed size is the array's own word (a subclass may say anything): counts that do not fit 64 bits
+    // saturate, and are refused, rather than wrap to a small charge.
+    using foundation::veltradata::saturatingProduct;
+    if (state.budget && !state.budget->chargeBytes(saturatingProduct(claimed, 8))) return failed();
     TimeArrayValues values;
     if (!values.open(obj)) return failed();
     const std::uint64_t n = values.size();
-    if (state.budget && !state.budget->chargeBytes(n * (2 * textUnits(values.unit()) + 2) - n * 8)) return failed();
+    // Each text in place of its eight bytes (textUnits is at least 3, so the difference is not negative).
+    if (state.budget && !state.budget->chargeBytes(saturatingProduct(n, 2 * textUnits(values.unit()) + 2 - 8)))
+        return failed();
 
     std::vector<VeltraString> texts;
     texts.reserve(n);

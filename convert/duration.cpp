@@ -100,7 +100,8 @@ std::optional<Array> PyNumpyTimedelta64ToDuration::doConvert(PyObject* obj, cons
     // Charged before anything is copied: a byte-swapped broadcast view is copied whole to native order.
     std::uint64_t claimed = 0, itemsize = 0;
     if (!numpySize(array.get(), claimed, itemsize)) return failed();
-    if (state.budget && !state.budget->chargeBytes(claimed * sizeof(double))) return failed();
+    if (state.budget && !state.budget->chargeBytes(foundation::veltradata::saturatingProduct(claimed, sizeof(double))))
+        return failed();
     TimeArrayValues values;
     if (!values.open(array.get())) return failed();
     Array millis = factory().createArray(ArrayType::DOUBLE, values.dims());

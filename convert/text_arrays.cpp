@@ -76,9 +76,13 @@ std::optional<Array> numpyTextArray(ArrayFactory& f, PyObject* array, char kind,
     if (!dims) return failed();
     // Charged before the column-major copy, which a broadcast view would make at its full claimed size: the
     // UTF-16 of text takes at most twice its UCS4 or byte size, an object element at least two bytes.
+    // Both numbers are the array's own word: products that do not fit 64 bits saturate, and are refused.
     std::uint64_t claimed = 0, itemsize = 0;
     if (!numpySize(array, claimed, itemsize)) return failed();
-    const std::uint64_t estimate = kind == 'O' ? claimed * 2 : kind == 'U' ? claimed * (itemsize / 2) : claimed * itemsize * 2;
+    using foundation::veltradata::saturatingProduct;
+    const std::uint64_t estimate = kind == 'O'   ? saturatingProduct(claimed, 2)
+                                   : kind == 'U' ? saturatingProduct(claimed, itemsize / 2)
+                                                 : saturatingProduct(saturatingProduct(claimed, itemsize), 2);
     if (state.budget && !state.budget->chargeBytes(estimate)) return failed();
     Ref flat = flatColumnMajor(array);
     if (!flat) return failed();

@@ -441,19 +441,14 @@ std::uint32_t allowedFields(ArrayType t) {
     }
 }
 
-// Element count of the dimensions; throws when the product does not fit 64 bits. A zero dimension makes the
-// array empty however large the others are.
+// Element count of the dimensions (the library's checked product: a zero dimension makes the array empty
+// however large the others are); a message whose product does not fit 64 bits is malformed.
 std::uint64_t checkedElements(const Dims& dims) {
-    std::uint64_t n = 1;
-    bool zero = false, overflow = false;
-    for (std::uint64_t d : dims) {
-        if (d == 0) zero = true;
-        else if (n > std::numeric_limits<std::uint64_t>::max() / d) overflow = true;
-        else n *= d;
+    try {
+        return numberOfElements(dims);
+    } catch (const DimensionsOverflowException&) {
+        malformed("the dimensions " + dimsText(dims) + " have more elements than 64 bits can count");
     }
-    if (zero) return 0;
-    if (overflow) malformed("the dimensions " + dimsText(dims) + " have more elements than 64 bits can count");
-    return n;
 }
 
 void requireCount(std::size_t have, std::uint64_t want, const char* what, ArrayType t, const Dims& dims) {

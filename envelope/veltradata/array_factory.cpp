@@ -27,6 +27,11 @@ std::uint64_t numberOfElements(const Dims& dims) {
     return n;
 }
 
+std::uint64_t saturatingProduct(std::uint64_t a, std::uint64_t b) noexcept {
+    std::uint64_t n;
+    return __builtin_mul_overflow(a, b, &n) ? std::numeric_limits<std::uint64_t>::max() : n;
+}
+
 Dims normalizeDims(Dims dims) {
     if (dims.empty()) return {0, 0};
     if (dims.size() == 1) return {1, dims[0]};

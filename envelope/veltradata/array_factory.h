@@ -73,6 +73,9 @@ const Array& emptyArray();
 
 // Checked product of dimensions; throws DimensionsOverflowException on overflow.
 std::uint64_t numberOfElements(const Dims& dims);
+// a * b, or UINT64_MAX when the product does not fit 64 bits: for byte counts that are held against a limit
+// or handed to an allocator, both of which refuse the largest value.
+std::uint64_t saturatingProduct(std::uint64_t a, std::uint64_t b) noexcept;
 // Dimensions as the library stores them: at least two entries ({} -> {0, 0}, {n} -> {1, n}).
 Dims normalizeDims(Dims dims);
 

@@ -7,6 +7,7 @@ import time
 
 import numpy as np
 import pytest
+from numpy.lib.stride_tricks import as_strided
 
 import py_pb
 from conftest import named, run_python
@@ -135,6 +136,30 @@ def test_arguments_past_2_gib_are_refused_before_they_are_copied(case):
     """).splitlines()
     assert out[0].startswith("the arguments need at least "), out
     assert int(out[1]) <= allowed_mib, out
+
+
+def _claiming(array, size):
+    """`array` as a numpy.ndarray whose `size` says `size`: the charge for a time or text array is made from it."""
+    cls = type("ndarray", (np.ndarray,), {"size": size})
+    cls.__module__ = "numpy"
+    return array.view(cls)
+
+
+# Byte counts that pass 64 bits, which wrapped to a charge of (nearly) nothing.
+WRAPPING_CLAIMS = {
+    # The claimed count times 8 (4 for the two-character text) is 2**64.
+    "dates": lambda: _claiming(np.array(["2020-01-01"], "M8[D]"), 1 << 61),
+    "durations": lambda: _claiming(np.array([1], "m8[s]"), 1 << 61),
+    "text": lambda: _claiming(np.array(["ab"]), 1 << 62),
+    # No claim, but 2**59 dates, each a text 32 bytes longer than its own 8 bytes.
+    "date texts": lambda: _claiming(as_strided(np.array([0], "M8[s]"), (1 << 30, 1 << 29), (0, 0)), 0),
+}
+
+
+@pytest.mark.parametrize("make", WRAPPING_CLAIMS.values(), ids=WRAPPING_CLAIMS.keys())
+def test_byte_counts_past_64_bits_are_refused_rather_than_wrapped(make):
+    with pytest.raises(ValueError, match="^the arguments need at least "):
+        py_pb.py_to_serialized_str((make(),))
 
 
 # ---------------------------------------------------------------------------------------------------------
