@@ -128,8 +128,11 @@ void* borrowArrayEntry(PyObject* handle) {
     }
 }
 
-const VeltraArrayCapi kTable = {wrapEntry,     getArrayEntry,    acquireEntry,    releaseEntry,
-                                isBufferEntry, bufferBytesEntry, borrowArrayEntry};
+const VeltraArrayCapi kTable = {sizeof(VeltraArrayCapi), VELTRA_CAPI_VERSION,
+                                wrapEntry,                getArrayEntry,
+                                acquireEntry,             releaseEntry,
+                                isBufferEntry,            bufferBytesEntry,
+                                borrowArrayEntry};
 
 }  // namespace
 

@@ -9,7 +9,15 @@
 
 #define VELTRA_CAPI_CAPSULE_NAME "veltramultidimarrayforpython._capi"
 
+/* The version of the table's contract. Changing what an entry takes, does or returns, or moving one, makes a
+ * new version; entries added at the end keep it, and a reader that needs them checks table_size. */
+#define VELTRA_CAPI_VERSION 1
+
 typedef struct VeltraArrayCapi {
+    /* sizeof(VeltraArrayCapi) where the table was filled, and VELTRA_CAPI_VERSION there: a reader checks both
+     * before it calls an entry. (Tables from before this header began with entry 0.) */
+    uint32_t table_size;
+    uint32_t version;
     /* 0: a new package object of the handle's kind holding the array (no copy). Adopts the caller's hold:
      *    the caller retains first. Null with a Python error on failure (the hold is then released). */
     PyObject* (*wrap_array)(void* impl_handle);

@@ -1,11 +1,13 @@
 // The module py_pb: its definition and initialisation.
 #include <Python.h>
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 
 #include "convert/module_state.h"
 #include "module/entry_points.h"
+#include "pyutil/error.h"
 #include "pyutil/exceptions.h"
 #include "pyutil/ref.h"
 #include "types/dictionary.h"
@@ -71,8 +73,29 @@ void injectTypes() {
     injected = true;
 }
 
+// The capsule's table, when it is the version this module was built against and holds every entry it calls;
+// otherwise ImportError naming both versions (a package from another build calls entries that are not there,
+// or not what they were). A table from before tables carried a version begins with entry 0's address, which
+// reads as a size no table has.
+const VeltraArrayCapi* checkedTable(const void* table) {
+    const auto* t = static_cast<const VeltraArrayCapi*>(table);
+    constexpr std::uint32_t kNeeded = sizeof(VeltraArrayCapi);
+    if (t->version == VELTRA_CAPI_VERSION && t->table_size >= kNeeded) return t;
+    const bool versioned = t->table_size >= 2 * sizeof(std::uint32_t) && t->table_size <= (1u << 16) &&
+                           t->table_size % sizeof(void*) == 0;
+    const std::string theirs = versioned ? "version " + std::to_string(t->version) + " (" +
+                                               std::to_string(t->table_size) + " bytes)"
+                                         : "no version (a build older than versioned tables)";
+    PythonVeltraDataArray::pyutil::raise(
+        PyExc_ImportError, "the capsule " VELTRA_CAPI_CAPSULE_NAME " has a function table of " + theirs +
+                               ", but py_pb needs version " + std::to_string(VELTRA_CAPI_VERSION) + " (at least " +
+                               std::to_string(kNeeded) +
+                               " bytes): install py_pb and veltramultidimarrayforpython from the same build");
+}
+
 // Step 2: the typed array package, its capsule (the function table the numeric converters use) and its
-// `double` type. Throws std::runtime_error with the step's message, leaving no Python error behind.
+// `double` type. Throws std::runtime_error with the step's message, leaving no Python error behind, except
+// for a table of another version: ImportError.
 void importArrayPackage() {
     Ref package = Ref::steal(PyImport_ImportModule("veltramultidimarrayforpython"));
     if (!package) {
@@ -91,13 +114,14 @@ void importArrayPackage() {
         PyErr_Clear();
         throw std::runtime_error("Unable to import capsule");
     }
+    const VeltraArrayCapi* capi = checkedTable(table);
 
     PyObject* doubleType = PyObject_GetAttrString(package.get(), "double");
     if (!doubleType) {
         PyErr_Clear();
         throw std::runtime_error("unable to retrieve type object 'double'");
     }
-    PythonVeltraDataArray::detail::setCapsule(static_cast<const VeltraArrayCapi*>(table));
+    PythonVeltraDataArray::detail::setCapsule(capi);
     PythonVeltraDataArray::detail::setPackageDoubleType(doubleType);  // kept for the life of the process
 }
 

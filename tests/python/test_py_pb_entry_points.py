@@ -72,6 +72,42 @@ def test_initialisation_step_failures(setup, details):
     assert out == f"Unable to initialize py_pb. Details: {details}\n"
 
 
+@pytest.mark.parametrize(
+    "header, theirs",
+    [
+        pytest.param("size, version + 1", "version {v1} ({size} bytes)", id="another version"),
+        pytest.param("size - 8, version", "version {v} ({size8} bytes)", id="an entry missing"),
+        # A table from before the header: it begins with entry 0, an address.
+        pytest.param("0x7F12_3456_7890 & 0xFFFF_FFFF, 0x7F12_3456_7890 >> 32", "no version", id="no header"),
+    ],
+)
+def test_a_capsule_table_of_another_version_fails_the_import_naming_both(header, theirs):
+    out = run_python(
+        f"""
+        import ctypes, veltramultidimarrayforpython as p
+        api = ctypes.pythonapi
+        api.PyCapsule_GetPointer.restype = ctypes.c_void_p
+        api.PyCapsule_GetPointer.argtypes = [ctypes.py_object, ctypes.c_char_p]
+        api.PyCapsule_New.restype = ctypes.py_object
+        api.PyCapsule_New.argtypes = [ctypes.c_void_p, ctypes.c_char_p, ctypes.c_void_p]
+        name = b"veltramultidimarrayforpython._capi"
+        size, version = (ctypes.c_uint32 * 2).from_address(api.PyCapsule_GetPointer(p._capi, name))
+        print(size, version)
+        # The package's own table as the header says, with its entries null (import calls none of them).
+        table = (ctypes.c_uint32 * (size // 4))({header})
+        p._capi = api.PyCapsule_New(ctypes.addressof(table), name, None)
+        try:
+            import py_pb
+        except ImportError as e:
+            print(e)
+        """
+    )
+    first, message = out.splitlines()
+    size, v = map(int, first.split())
+    assert theirs.format(v=v, v1=v + 1, size=size, size8=size - 8) in message
+    assert f"py_pb needs version {v} (at least {size} bytes)" in message
+
+
 def test_second_import_in_the_same_process_reuses_the_module():
     out = run_python(
         """
