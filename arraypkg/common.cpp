@@ -35,7 +35,7 @@ std::string formatDims(const std::vector<std::uint64_t>& dims) { return formatIn
 std::string formatDouble(double v) {
     char* s = PyOS_double_to_string(v, 'r', 0, Py_DTSF_ADD_DOT_0, nullptr);
     if (!s) {
-        PyErr_Clear();
+        pyutil::clearOrdinary();  // out of memory stays pending
         return std::to_string(v);
     }
     std::string out(s);

@@ -22,6 +22,12 @@ using pyutil::Ref;
 using pyutil::shortRepr;
 using pyutil::typeName;
 
+// Drops the ordinary error a probe raised (not a sequence, not a number ...); any other one (KeyboardInterrupt,
+// MemoryError ...) is thrown on as it is.
+inline void clearProbe() {
+    if (!pyutil::clearOrdinary()) throw PyErrorSet{};
+}
+
 // Sets the Python error for the exception being handled. Call only inside a catch block.
 void setErrorFromCurrentException() noexcept;
 

@@ -38,7 +38,7 @@ Py_ssize_t nestedLength(PyObject* o) {
     if (PyTuple_Check(o)) return PyTuple_Size(o);
     if (isText(o) || !PySequence_Check(o)) return -1;
     const Py_ssize_t n = PySequence_Size(o);
-    if (n < 0) PyErr_Clear();  // a 0-d numpy array claims to be a sequence but has no length
+    if (n < 0) clearProbe();  // a 0-d numpy array claims to be a sequence but has no length
     return n;
 }
 
@@ -48,7 +48,7 @@ bool hasSlot(PyObject* o, int slot) { return PyType_GetSlot(Py_TYPE(o), slot) !=
 Ref attempt(PyObject* result) {
     if (!result) {
         if (!PyErr_ExceptionMatches(PyExc_TypeError)) throw PyErrorSet{};
-        PyErr_Clear();
+        clearProbe();
     }
     return Ref::steal(result);
 }
@@ -76,7 +76,7 @@ Leaf classify(PyObject* o, Ref& out) {
                 return classify(out.get(), out);
             }
         } else {
-            PyErr_Clear();
+            clearProbe();
         }
     }
     if (hasSlot(o, Py_nb_index)) {
@@ -87,7 +87,7 @@ Leaf classify(PyObject* o, Ref& out) {
     }
     Ref complexMethod = Ref::steal(PyObject_GetAttrString(reinterpret_cast<PyObject*>(Py_TYPE(o)), "__complex__"));
     if (!complexMethod) {
-        PyErr_Clear();
+        clearProbe();
     } else if ((out = attempt(PyObject_CallFunctionObjArgs(reinterpret_cast<PyObject*>(&PyComplex_Type), o, nullptr)))) {
         return Leaf::Complex;
     }
@@ -182,7 +182,7 @@ void storeLeaf(PyObject* v, Leaf kind, ArrayType to, std::uint8_t* dst) {
             if (real == ArrayType::DOUBLE || real == ArrayType::SINGLE || real == ArrayType::LOGICAL) {
                 const double d = PyLong_AsDouble(v);
                 if (d == -1.0 && PyErr_Occurred()) {
-                    PyErr_Clear();
+                    clearProbe();
                 } else {
                     convertElements(&d, ArrayType::DOUBLE, dst, to, 1);
                     return;
@@ -193,7 +193,7 @@ void storeLeaf(PyObject* v, Leaf kind, ArrayType to, std::uint8_t* dst) {
                     convertElements(&u, ArrayType::UINT64, dst, to, 1);
                     return;
                 }
-                PyErr_Clear();
+                clearProbe();
             }
             ElementError e;
             e.value = shortRepr(v);
@@ -313,7 +313,7 @@ Built build(PyObject* init, ArrayType real, bool wantComplex, bool upgrade) {
             sequence = nestedLength(init) >= 0;
         }
         if (!sequence) throw PyErrorSet{};
-        PyErr_Clear();
+        clearProbe();
     }
     if (nestedLength(init) >= 0) return fromSequence(init, real, wantComplex, upgrade);
     if (PyErr_Occurred()) throw PyErrorSet{};

@@ -70,7 +70,7 @@ std::string formatValue(const T& v) {
         // As Python prints a complex: "(1+2j)", "2j".
         Ref c = Ref::steal(PyComplex_FromDoubles(static_cast<double>(v.real()), static_cast<double>(v.imag())));
         if (!c) {
-            PyErr_Clear();
+            pyutil::clearOrdinary();  // out of memory stays pending
             return "?";
         }
         return shortRepr(c.get());

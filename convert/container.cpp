@@ -86,7 +86,8 @@ std::optional<std::string> fieldName(PyObject* key) {
     Py_ssize_t size = 0;
     const char* utf8 = PyUnicode_AsUTF8AndSize(key, &size);
     if (!utf8 || size == 0) {
-        PyErr_Clear();  // a key UTF-8 cannot carry (a lone surrogate) counts as no name
+        // A key UTF-8 cannot carry (a lone surrogate) counts as no name.
+        if (!pyutil::clearOrdinary()) return failed();
         return fail(PyExc_ValueError, kFieldEmpty);
     }
     std::string name(utf8, static_cast<std::size_t>(size));

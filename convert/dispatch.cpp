@@ -166,12 +166,13 @@ void ensureRegistries(const std::shared_ptr<ArrayFactory>& f) {
 
 // A DataFrame of a subclass (its own name is not registered) is a table, not the mapping it also is. Only
 // pandas itself can have made one, so pandas is not imported for the question.
-bool isDataFrameSubclass(PyObject* obj) {
+// 1 yes, 0 no, -1 with an error that is not ordinary pending.
+int isDataFrameSubclass(PyObject* obj) {
     static PyObject* kName = PyUnicode_InternFromString("pandas");
     pyutil::Ref pandas = pyutil::Ref::steal(kName ? PyImport_GetModule(kName) : nullptr);
     pyutil::Ref frame = pandas ? pyutil::Ref::steal(PyObject_GetAttrString(pandas.get(), "DataFrame")) : pyutil::Ref();
     const int is = frame ? PyObject_IsInstance(obj, frame.get()) : 0;
-    PyErr_Clear();
+    if (!pyutil::clearOrdinary()) return -1;
     return is == 1;
 }
 
@@ -198,7 +199,11 @@ const ToArrayPtr& lookup(PyObject* obj) {
         return kNone;
     }
     if (capi->is_buffer(obj)) return r.buffer;
-    if (PyMapping_Check(obj)) return isDataFrameSubclass(obj) ? r.dataFrame : r.mapping;
+    if (PyMapping_Check(obj)) {
+        const int frame = isDataFrameSubclass(obj);
+        if (frame < 0) return kNone;
+        return frame ? r.dataFrame : r.mapping;
+    }
     fail(PyExc_TypeError, detail::unsupportedTypeText(name));
     return kNone;
 }

@@ -118,7 +118,7 @@ std::optional<Array> NumpyNDArrayObjectToBuffer::doConvert(PyObject* obj, const 
     Py_ssize_t kindLen = 0;
     if (PyUnicode_Check(kindObj.get())) kindText = PyUnicode_AsUTF8AndSize(kindObj.get(), &kindLen);
     if (!kindText || kindLen < 1) {
-        PyErr_Clear();
+        if (!pyutil::clearOrdinary()) return failed();
         return fail(PyExc_AttributeError, kKindNotText);
     }
     const char kind = kindText[0];

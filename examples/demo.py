@@ -105,7 +105,7 @@ def main():
     answer = messages().VELTRA_Result()
     answer.error.message = "Polynomial degree must be less than the number of points."
     answer.error.identifier = "fit:degreeTooHigh"
-    for file, name, line in [("fit.m", "fit", 42), ("main.m", "main", 7)]:
+    for file, name, line in [("fit_model.src", "fit_model", 42), ("run_study.src", "run_study", 7)]:
         answer.error.stack.add(file=file, name=name, line=line)
     error = py_pb.serialized_str_to_py(answer.SerializeToString())
     for key, value in error.items():

@@ -105,7 +105,7 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
         if (!PyTuple_Check(args) || PyTuple_Size(args) != 1) return fail(PyExc_ValueError, kArgsInvalid);
         pyutil::BufferView view;
         if (!view.acquire(PyTuple_GetItem(args, 0), PyBUF_SIMPLE)) {
-            PyErr_Clear();
+            if (!pyutil::clearOrdinary()) return nullptr;
             return fail(PyExc_ValueError, kArgsInvalid);
         }
         if (!PyBuffer_IsContiguous(&*view, 'C')) return fail(PyExc_ValueError, kArgsInvalid);

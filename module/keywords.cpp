@@ -50,7 +50,7 @@ std::optional<long> stringToLong(PyObject* value) {
     Py_ssize_t size = 0;
     const char* text = PyUnicode_AsUTF8AndSize(value, &size);
     if (!text) {
-        PyErr_Clear();  // text UTF-8 cannot carry holds no number either
+        pyutil::clearOrdinary();  // text UTF-8 cannot carry holds no number either; out of memory stays
         return std::nullopt;
     }
     try {
@@ -66,7 +66,7 @@ std::string decimalText(PyObject* value) {
     Ref text = exact ? Ref::steal(PyObject_Str(exact.get())) : Ref();
     const char* utf8 = text ? PyUnicode_AsUTF8AndSize(text.get(), nullptr) : nullptr;
     if (!utf8) {
-        PyErr_Clear();
+        pyutil::clearOrdinary();  // the caller's failure follows; out of memory stays
         return std::string();
     }
     return utf8;

@@ -24,7 +24,7 @@ inline std::optional<std::string> strText(PyObject* s) {
     Py_ssize_t n = 0;
     const char* p = PyUnicode_AsUTF8AndSize(s, &n);
     if (!p) {
-        PyErr_Clear();
+        clearOrdinary();
         return std::nullopt;
     }
     return std::string(p, static_cast<std::size_t>(n));
@@ -38,10 +38,9 @@ inline bool isModulePrefix(const std::optional<std::string>& m) { return m && !m
 // name keeps the module in its dict, which the caller adds).
 inline std::string tpName(PyTypeObject* type) {
     const std::string name = strText(Ref::steal(PyType_GetName(type)).get()).value_or(std::string());
-    PyErr_Clear();
-    if (PyType_GetFlags(type) & Py_TPFLAGS_HEAPTYPE) return name;
+    if (!clearOrdinary() || (PyType_GetFlags(type) & Py_TPFLAGS_HEAPTYPE)) return name;
     Ref module = Ref::steal(PyObject_GetAttrString(reinterpret_cast<PyObject*>(type), "__module__"));
-    PyErr_Clear();
+    if (!clearOrdinary()) return name;
     const std::optional<std::string> moduleText = strText(module.get());
     return isModulePrefix(moduleText) ? *moduleText + "." + name : name;
 }
@@ -50,17 +49,19 @@ inline std::string tpName(PyTypeObject* type) {
 inline std::optional<std::string> ownModule(PyTypeObject* type) {
     Ref dict = Ref::steal(PyObject_GetAttrString(reinterpret_cast<PyObject*>(type), "__dict__"));
     Ref module = dict ? Ref::steal(PyMapping_GetItemString(dict.get(), "__module__")) : Ref();
-    PyErr_Clear();
+    if (!clearOrdinary()) return std::nullopt;
     return strText(module.get());
 }
 
 }  // namespace type_name_detail
 
-// Never fails and leaves the error indicator as it was; "" when no name can be made.
+// Never fails and leaves the error indicator as it was, but for an error that is not ordinary raised while
+// looking (a KeyboardInterrupt), which stands; "" when no name can be made.
 inline std::string typeName(PyObject* obj) {
     ErrorAside aside;
     PyTypeObject* type = Py_TYPE(obj);
     std::string name = type_name_detail::tpName(type);
+    if (PyErr_Occurred()) return name;  // an interrupt: it stands, and the caller's failure follows
     const std::optional<std::string> module = type_name_detail::ownModule(type);
     if (type_name_detail::isModulePrefix(module)) name = *module + "." + name;
     return name;

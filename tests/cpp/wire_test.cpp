@@ -703,9 +703,9 @@ TEST(ResultReader, ErrorWithoutFramesHasAnEmptyStackText) {
 
 TEST(ResultReader, StackLinesPrintNegativeAndLargeNumbersInDecimal) {
     const StructArray s = pc::readResult(
-        resultWithError("m", nullptr, {{"x.m", "main", -5}, {"", "", 2147483647}}).SerializeAsString());
+        resultWithError("m", nullptr, {{"fit_model.src", "main", -5}, {"", "", 2147483647}}).SerializeAsString());
     EXPECT_EQ(field(s, "stack_as_str"),
-              "Error in => file: x.m, function name: main, at line: -5\n"
+              "Error in => file: fit_model.src, function name: main, at line: -5\n"
               "Error in => file: , function name: , at line: 2147483647\n");
 }
 
@@ -762,7 +762,7 @@ TEST(ResultReader, UnparseableTrailingBytesKeepWhatWasRead) {
 }
 
 TEST(ResultReader, ErrorCutShortKeepsWhatWasRead) {
-    std::string bytes = resultWithError("the message", "id:x", {{"a", "f", 3}, {"file.m", "fn", 9}}).SerializeAsString();
+    std::string bytes = resultWithError("the message", "id:x", {{"a", "f", 3}, {"solver.src", "fn", 9}}).SerializeAsString();
     bytes.resize(bytes.size() - 3);  // into the last frame's name
     const StructArray s = pc::readResult(bytes);
     EXPECT_EQ(field(s, "message"), "the message");

@@ -1,9 +1,19 @@
 """What several test files share: the ArrayType numbers as they travel in messages, and small helpers.
 pytest puts this folder on sys.path, so the test files import them with `from conftest import ...`."""
 
+import os
 import subprocess
 import sys
 import textwrap
+
+from hypothesis import settings
+
+# The property tests draw their examples from a fixed derivation and keep no database, so that the same commit
+# always meets the same examples (a CI verdict is reproducible). HYPOTHESIS_PROFILE=explore draws new ones each
+# run, for hunting outside CI; what it finds becomes an @example.
+settings.register_profile("ci", derandomize=True, database=None, print_blob=True)
+settings.register_profile("explore", derandomize=False)
+settings.load_profile(os.environ.get("HYPOTHESIS_PROFILE", "ci"))
 
 UNKNOWN, LOGICAL, CHAR, STRING, DOUBLE, SINGLE = 0, 1, 2, 3, 4, 5
 INT8, UINT8, INT16, UINT16, INT32, UINT32, INT64, UINT64 = range(6, 14)

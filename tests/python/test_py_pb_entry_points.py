@@ -304,3 +304,25 @@ def test_schema_does_not_switch_the_message_read(schema):
 def test_empty_bytes_are_a_result_without_outputs():
     out = py_pb.serialized_str_to_py(b"")
     assert type(out) is list and out == []
+
+
+def test_out_of_memory_is_a_memory_error_whichever_way_it_comes():
+    # A fresh interpreter whose address space ends 60 MiB past what it holds: every large allocation fails, in
+    # Python's allocator, numpy's or the array library's, and each reads as MemoryError.
+    out = run_python("""
+        import resource, numpy as np, py_pb, veltramultidimarrayforpython as v
+        from veltra.loopback import loopback
+        a, floats = np.ones(40 << 20), [0.5] * 4_000_000
+        data = loopback(py_pb.py_to_serialized_str((a,)))
+        size = next(int(l.split()[1]) for l in open("/proc/self/status") if l.startswith("VmSize:")) * 1024
+        resource.setrlimit(resource.RLIMIT_AS, (size + (60 << 20), resource.RLIM_INFINITY))
+        for call in (lambda: py_pb.serialized_str_to_py(data), lambda: py_pb.py_to_serialized_str((a,)),
+                     lambda: py_pb.py_to_serialized_str((floats,)), lambda: py_pb.py_to_serialized_str((floats, a[:4])),
+                     lambda: v.double(a)):
+            try:
+                call()
+                print("converted")
+            except BaseException as e:
+                print(type(e).__name__)
+    """)
+    assert out.split() == ["MemoryError"] * 5

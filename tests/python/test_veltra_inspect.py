@@ -34,8 +34,8 @@ def test_parameters_show_as_a_tree_with_values_abbreviated():
 
 def test_results_and_engine_errors():
     assert inspect(loopback(PARAMS))["outputs"] == inspect(PARAMS)["inputs"]
-    text = render(inspect(error_result("boom", "pkg:id", [("a.m", "f", 3)])))
-    assert text == "result: 0 outputs, with an error\n  error: 'boom' (pkg:id)\n    at a.m, f, line 3"
+    text = render(inspect(error_result("boom", "pkg:id", [("solver.src", "f", 3)])))
+    assert text == "result: 0 outputs, with an error\n  error: 'boom' (pkg:id)\n    at solver.src, f, line 3"
 
 
 def test_json_for_scripts(tmp_path, capsys):

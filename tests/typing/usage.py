@@ -45,7 +45,7 @@ def calls() -> None:
     py_pb.py_to_serialized_str({1.0, 2.0})
     py_pb.serialized_str_to_py(memoryview(loopback(params)), schema="VELTRA_RESULT")
 
-    error = py_pb.serialized_str_to_py(error_result("boom", identifier="pkg:id", stack=[("a.m", "f", 3)]))
+    error = py_pb.serialized_str_to_py(error_result("boom", identifier="pkg:id", stack=[("solver.src", "f", 3)]))
     assert isinstance(error, dict) and error["message"] == "boom"
 
     when = datetime.datetime(2024, 1, 2, 9, 30, tzinfo=zoneinfo.ZoneInfo("Europe/Paris"))
@@ -123,7 +123,7 @@ def _misuse() -> None:
     veltra.int8(object())  # type: ignore[arg-type]
     veltra.dictionary(1)  # type: ignore[arg-type]
     loopback("params")  # type: ignore[arg-type]
-    error_result("boom", stack=[("a.m", "f")])  # type: ignore[list-item]
+    error_result("boom", stack=[("solver.src", "f")])  # type: ignore[list-item]
 
 
 if __name__ == "__main__":

@@ -256,7 +256,7 @@ void writeSeeds(const std::string& dir) {
     e->set_identifier("veltra:undefined");
     for (int i = 0; i < 2; ++i) {
         pc::VELTRA_StackFrame* s = e->add_stack();
-        s->set_file(i ? "b.m" : "a.m");
+        s->set_file(i ? "run_study.src" : "solver.src");
         s->set_name(i ? "g" : "f");
         s->set_line(3 + 4 * i);
     }
