@@ -354,7 +354,8 @@ PyObject* datetimeArray(std::uint64_t n, const foundation::veltradata::Dims& dim
             i = static_cast<std::uint64_t>(-1);
             continue;
         }
-        if (!datetimeExact(t, unit)) return outOfRange(tooFar ? std::u16string_view(*tooFar) : text);
+        if (t.unit > unit && !datetimeExact(t, unit))
+            return outOfRange(tooFar ? std::u16string_view(*tooFar) : text);
     }
     return out.finish((std::string("datetime64[") + timeUnitName(unit) + "]").c_str(), dims);
 }
