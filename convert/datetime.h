@@ -44,8 +44,9 @@ VELTRA_TO_PYTHON_CONVERTER(DoubleToPySecondsAndMicroseconds);
 
 // A "datetime" value object -> Python. One element: datetime.datetime from the field form (with a tzinfo
 // when the zone says so), or, in the text form, numpy.datetime64 for a 1x1 DateString and a datetime64 array
-// of its shape otherwise. Other element counts: a datetime64[ns] array of the engine's shape (datetime64[us]
-// when a date lies outside what nanoseconds can count), NaT for missing texts.
+// of its shape otherwise. Other element counts: a datetime64[ns] array of the engine's shape (coarser, from
+// datetime64[us] on, when a date lies outside what nanoseconds can count and no text loses a nonzero digit by
+// it; ValueError "outside the range" otherwise), NaT for missing texts.
 PyObject* datetimeToPython(const Array& a);
 
 // The engine's datetime array of n elements (any shape but 1-by-1) as datetime64[ns], from each element's

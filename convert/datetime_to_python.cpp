@@ -234,10 +234,22 @@ bool yearBeyond(std::u16string_view text, std::uint64_t limit) {
     return false;
 }
 
+// The int64 count numpy holds for a datetime64 scalar; false with an error set.
+bool numpyCount(PyObject* value, std::int64_t& count) {
+    Ref c = Ref::steal(PyObject_CallMethod(value, "astype", "s", "int64"));
+    const long long v = c ? PyLong_AsLongLong(c.get()) : -1;
+    if (!c || (v == -1 && PyErr_Occurred())) return false;
+    count = v;
+    return true;
+}
+
 // A text in a form numpy reads but does not print (a zone suffix, "today"), rewritten in numpy's own form, at
 // the unit numpy infers for it or, where that unit cannot count the date, at the next coarser one that can
-// (down to seconds). numpy reads a year's digits and multiplies out a unit in 64 bits without a check, so what
-// it makes is compared with the same text read at seconds, which cannot wrap for the years let through.
+// (down to seconds) when that drops only zeros. numpy reads a year's digits and multiplies out a unit in 64
+// bits without a check, so what it makes is compared with the same text read at seconds, which cannot wrap
+// for the years let through. What a coarser unit drops is read from the wrapped count: numpy makes both
+// counts from the same fields by adding and multiplying, so the wrapped one is the exact one modulo 2^64,
+// and the dropped digits (below 10^18) are zero exactly when the coarse count times 10^k matches it there.
 bool numpyForm(PyObject* numpy, std::u16string_view text, std::u16string& out, DatetimeText& t) {
     if (yearBeyond(text, 100000000000ULL)) return outOfRange(text);
     Ref str = pyText(text);
@@ -245,6 +257,8 @@ bool numpyForm(PyObject* numpy, std::u16string_view text, std::u16string& out, D
     if (!datetime64) return false;
     std::optional<std::int64_t> seconds;
     std::optional<TimeUnit> unit;
+    Ref inferred;                              // the value at the unit numpy infers, wrapped or not
+    TimeUnit inferredUnit = TimeUnit::Generic;
     for (;;) {
         Ref value = Ref::steal(unit ? PyObject_CallFunction(datetime64.get(), "Os", str.get(), timeUnitName(*unit))
                                     : PyObject_CallFunctionObjArgs(datetime64.get(), str.get(), nullptr));
@@ -253,12 +267,15 @@ bool numpyForm(PyObject* numpy, std::u16string_view text, std::u16string& out, D
         std::optional<std::u16string> units = pyUnicodeToUtf16(printed.get());
         if (!units) return false;
         if (!parseDatetime(*units, t)) return outOfRange(text);
+        if (!unit) {
+            inferred = Ref::borrow(value.get());
+            inferredUnit = t.unit;
+        }
         if (!t.nat && t.unit > TimeUnit::Second) {
             if (!seconds) {
                 Ref s = Ref::steal(PyObject_CallFunction(datetime64.get(), "Os", str.get(), "s"));
-                Ref count = s ? Ref::steal(PyObject_CallMethod(s.get(), "astype", "s", "int64")) : Ref();
-                const long long c = count ? PyLong_AsLongLong(count.get()) : -1;
-                if (!count || (c == -1 && PyErr_Occurred())) return false;
+                std::int64_t c = 0;
+                if (!s || !numpyCount(s.get(), c)) return false;
                 seconds = c;
             }
             std::int64_t whole = 0;
@@ -267,6 +284,15 @@ bool numpyForm(PyObject* numpy, std::u16string_view text, std::u16string& out, D
                 continue;
             }
         }
+        if (unit) {
+            std::int64_t wrapped = 0, coarse = 0;
+            if (t.nat) return outOfRange(text);  // a wrapped count that happens to be NaT's
+            if (!numpyCount(inferred.get(), wrapped) || !numpyCount(value.get(), coarse)) return false;
+            const int k = 3 * (static_cast<int>(inferredUnit) - static_cast<int>(t.unit));
+            std::uint64_t scale = 1;
+            for (int j = 0; j < k; ++j) scale *= 10;
+            if (static_cast<std::uint64_t>(coarse) * scale != static_cast<std::uint64_t>(wrapped)) return outOfRange(text);
+        }
         out = std::move(*units);
         return true;
     }
@@ -274,9 +300,10 @@ bool numpyForm(PyObject* numpy, std::u16string_view text, std::u16string& out, D
 
 // The texts of a datetime array as one numpy datetime64 array. `text(i, view)` yields element i's text.
 // The unit: `start` when given (the engine's arrays: nanoseconds), otherwise the finest unit any text has, as
-// numpy infers it, and nanoseconds when none has one (all not-a-time, or none at all); coarsened to
-// microseconds (then milliseconds, seconds) when a date lies beyond what the unit can count, so that nothing
-// wraps. Texts in other forms than numpy's own are read by numpy, one by one.
+// numpy infers it, and nanoseconds when none has one (all not-a-time, or none at all); made coarser, one unit
+// at a time down to seconds, while a date lies beyond what the unit can count, so that nothing wraps. A
+// coarser unit may drop only zeros: a text with digits the unit cannot keep is refused, naming the date that
+// asked for the coarser unit. Texts in other forms than numpy's own are read by numpy, one by one.
 template <typename TextAt>
 PyObject* datetimeArray(std::uint64_t n, const foundation::veltradata::Dims& dims, std::optional<TimeUnit> start,
                         TextAt&& textAt) {
@@ -315,12 +342,20 @@ PyObject* datetimeArray(std::uint64_t n, const foundation::veltradata::Dims& dim
     TimeArrayBuilder out;
     if (!out.start(n)) return nullptr;
     std::int64_t* values = out.data();
+    bool polling = start.has_value();
+    std::optional<std::u16string> tooFar;  // the date that made the unit coarser, as it came
     for (std::uint64_t i = 0; i < n; ++i) {
-        if ((start && !pollSignals()) || !parse(i, t)) return nullptr;
-        if (datetimeValue(t, unit, values[i])) continue;
-        if (unit <= TimeUnit::Second) return outOfRange(text);
-        unit = unit > TimeUnit::Micro ? TimeUnit::Micro : static_cast<TimeUnit>(static_cast<int>(unit) - 1);
-        i = static_cast<std::uint64_t>(-1);
+        if ((polling && !pollSignals()) || !parse(i, t)) return nullptr;
+        if (!datetimeValue(t, unit, values[i])) {
+            if (unit <= TimeUnit::Second) return outOfRange(text);
+            tooFar.emplace(text);
+            unit = static_cast<TimeUnit>(static_cast<int>(unit) - 1);
+            polling = true;
+            i = static_cast<std::uint64_t>(-1);
+            continue;
+        }
+        if (t.unit > unit && !datetimeExact(t, unit))
+            return outOfRange(tooFar ? std::u16string_view(*tooFar) : text);
     }
     return out.finish((std::string("datetime64[") + timeUnitName(unit) + "]").c_str(), dims);
 }

@@ -1,6 +1,7 @@
 #include "convert/duration.h"
 
 #include <cmath>
+#include <limits>
 #include <string>
 
 #include "convert/budget.h"
@@ -41,17 +42,19 @@ int isNumpyInstance(PyObject* obj, const char* name) {
     return type ? PyObject_IsInstance(obj, type.get()) : -1;
 }
 
-// The units a duration array comes back in, finest first, with their length in milliseconds: microseconds when
-// a count has a fraction of a millisecond (what datetime.timedelta keeps of a single one), milliseconds when
-// none has, coarser only when a count would not fit.
+// The units durations come back in, finest first: `per` counts per millisecond for the units down from
+// milliseconds, and the milliseconds of one for the coarser ones.
 struct Unit {
+    TimeUnit unit;
     const char* dtype;
+    std::int64_t per;
     double millis;
 };
-constexpr Unit kUnits[] = {{"timedelta64[us]", 1e-3},    {"timedelta64[ms]", 1},      {"timedelta64[s]", 1e3},
-                           {"timedelta64[m]", 6e4},      {"timedelta64[h]", 3.6e6},   {"timedelta64[D]", 8.64e7},
-                           {"timedelta64[W]", 6.048e8}};
-constexpr std::size_t kMicro = 0, kMilli = 1;
+constexpr Unit kUnits[] = {{TimeUnit::Nano, "timedelta64[ns]", 1000000, 1e-6}, {TimeUnit::Micro, "timedelta64[us]", 1000, 1e-3},
+                           {TimeUnit::Milli, "timedelta64[ms]", 1, 1},          {TimeUnit::Second, "timedelta64[s]", 0, 1e3},
+                           {TimeUnit::Minute, "timedelta64[m]", 0, 6e4},        {TimeUnit::Hour, "timedelta64[h]", 0, 3.6e6},
+                           {TimeUnit::Day, "timedelta64[D]", 0, 8.64e7},        {TimeUnit::Week, "timedelta64[W]", 0, 6.048e8}};
+constexpr std::size_t kMilli = 2;
 
 // Rounded to the nearest integer, halves to even, as datetime.timedelta rounds to its microsecond. Beyond
 // 2^52 a double has no fraction.
@@ -62,13 +65,29 @@ inline double roundHalfEven(double x) {
     return (x + big) - big;
 }
 
-// x milliseconds as a count of unit k: for microseconds the same product timedelta(milliseconds=x) makes.
-inline double countIn(double x, std::size_t k) {
-    return roundHalfEven(k == kMicro ? x * 1000.0 : x / kUnits[k].millis);
+// x milliseconds (finite) as a count of unit k, or nothing when the count is no int64 numpy stores (NaT's
+// pattern excluded). Down from milliseconds the whole milliseconds scale exactly and only the fraction is
+// rounded, as timedelta(milliseconds=x) does; coarser units round the quotient.
+std::optional<std::int64_t> countIn(double x, std::size_t k) {
+    constexpr double kLimit = 9.2233720368547758e18;  // 2^63
+    if (kUnits[k].per == 0) {
+        const double c = roundHalfEven(x / kUnits[k].millis);
+        if (!(c > -kLimit && c < kLimit)) return std::nullopt;
+        return static_cast<std::int64_t>(c);
+    }
+    if (!(std::fabs(x) < kLimit / static_cast<double>(kUnits[k].per))) return std::nullopt;
+    const double whole = std::trunc(x);
+    const __int128 c = static_cast<__int128>(whole) * kUnits[k].per + static_cast<__int128>(roundHalfEven((x - whole) * kUnits[k].per));
+    if (c <= std::numeric_limits<std::int64_t>::min() || c > std::numeric_limits<std::int64_t>::max()) return std::nullopt;
+    return static_cast<std::int64_t>(c);
 }
 
-// Whether x is a count numpy stores (NaT's pattern excluded).
-bool fitsInt64(double x) { return x > -9.2233720368547758e18 && x < 9.2233720368547758e18; }
+bool checkMillis(const Array& millis) {
+    if (foundation::veltradata::isRealNumericType(millis.getType())) return true;
+    return fail(PyExc_ValueError, "conversion of VELTRA duration object with millis of type '" +
+                                      std::to_string(static_cast<int>(millis.getType())) +
+                                      "' to Python not supported: it must hold numbers of milliseconds");
+}
 
 }  // namespace
 
@@ -114,32 +133,9 @@ std::optional<Array> PyNumpyTimedelta64ToDuration::doConvert(PyObject* obj, cons
     return durationOf(factory(), std::move(millis));
 }
 
-PyObject* durationToPython(const Array& a) {
-    if (a.getType() != ArrayType::VALUE_OBJECT) return nullptr;
-    const std::uint64_t n = a.getNumberOfElements();
-    if (n != 1)
-        return fail(PyExc_ValueError, "conversion of VELTRA duration object array with " + std::to_string(n) +
-                                          " elements to Python not supported");
-    const ValueObject& v = foundation::veltradata::valueObjects(a)[0];
-    if (!v.hasProperty(ids().millis)) return fail(PyExc_ValueError, "unable to find property 'millis' in 'duration' object");
-    const Array& millis = v[ids().millis];
-    if (!foundation::veltradata::isRealNumericType(millis.getType()))
-        return fail(PyExc_ValueError, "conversion of VELTRA duration object with millis of type '" +
-                                          std::to_string(static_cast<int>(millis.getType())) +
-                                          "' to Python not supported: it must hold numbers of milliseconds");
-
-    if (millis.getNumberOfElements() == 1) {
-        Ref ms = Ref::steal(PyFloat_FromDouble(millis[0].castTo<double>()));
-        Ref datetimeModule = ms ? Ref::steal(PyImport_ImportModule("datetime")) : Ref();
-        Ref timedelta = datetimeModule ? Ref::steal(PyObject_GetAttrString(datetimeModule.get(), "timedelta")) : Ref();
-        Ref args = Ref::steal(PyTuple_New(0));
-        Ref kwargs = ms ? Ref::steal(Py_BuildValue("{s:O}", "milliseconds", ms.get())) : Ref();
-        if (!timedelta || !args || !kwargs) return nullptr;
-        return PyObject_Call(timedelta.get(), args.get(), kwargs.get());
-    }
-
-    // Read as double whatever real kind millis has; one pass picks the unit, one writes the counts, rounded as
-    // a single duration's timedelta rounds them.
+PyObject* millisToTimedelta64(const Array& millis, const foundation::veltradata::Dims& dims, std::optional<TimeUnit> finest) {
+    if (!checkMillis(millis)) return nullptr;
+    // Read as double whatever real kind millis has; one pass picks the unit, one writes the counts.
     const std::uint64_t count = millis.getNumberOfElements();
     const double* doubles = millis.getType() == ArrayType::DOUBLE
                                 ? reinterpret_cast<const double*>(foundation::veltradata::elementBytes(millis))
@@ -156,8 +152,10 @@ PyObject* durationToPython(const Array& a) {
         // Below 2^52 the cast is exact for whole counts; above, a double has no fraction.
         fraction = fraction || (size < 4503599627370496.0 && static_cast<double>(static_cast<std::int64_t>(x)) != x);
     }
-    std::size_t unit = fraction ? kMicro : kMilli;
-    while (!fitsInt64(countIn(longest, unit))) {
+    std::size_t unit = 0;
+    const TimeUnit first = finest.value_or(fraction ? TimeUnit::Micro : TimeUnit::Milli);
+    while (kUnits[unit].unit != first) ++unit;
+    while (!countIn(longest, unit)) {
         if (++unit == std::size(kUnits)) return fail(PyExc_OverflowError, "duration too long for numpy timedelta64");
     }
     TimeArrayBuilder out;
@@ -167,9 +165,29 @@ PyObject* durationToPython(const Array& a) {
         const double x = at(i);
         if (std::isnan(x)) values[i] = kNaT;
         else if (unit == kMilli && !fraction) values[i] = static_cast<std::int64_t>(x);  // whole already
-        else values[i] = static_cast<std::int64_t>(countIn(x, unit));
+        else values[i] = *countIn(x, unit);  // |x| <= longest, whose count fits
     }
-    return out.finish(kUnits[unit].dtype, millis.getDimensions());
+    return out.finish(kUnits[unit].dtype, dims);
+}
+
+PyObject* durationToPython(const Array& a) {
+    if (a.getType() != ArrayType::VALUE_OBJECT) return nullptr;
+    const std::uint64_t n = a.getNumberOfElements();
+    if (n != 1)
+        return fail(PyExc_ValueError, "conversion of VELTRA duration object array with " + std::to_string(n) +
+                                          " elements to Python not supported");
+    const ValueObject& v = foundation::veltradata::valueObjects(a)[0];
+    if (!v.hasProperty(ids().millis)) return fail(PyExc_ValueError, "unable to find property 'millis' in 'duration' object");
+    const Array& millis = v[ids().millis];
+    if (millis.getNumberOfElements() != 1) return millisToTimedelta64(millis, millis.getDimensions(), std::nullopt);
+    if (!checkMillis(millis)) return nullptr;
+    Ref ms = Ref::steal(PyFloat_FromDouble(millis[0].castTo<double>()));
+    Ref datetimeModule = ms ? Ref::steal(PyImport_ImportModule("datetime")) : Ref();
+    Ref timedelta = datetimeModule ? Ref::steal(PyObject_GetAttrString(datetimeModule.get(), "timedelta")) : Ref();
+    Ref args = Ref::steal(PyTuple_New(0));
+    Ref kwargs = ms ? Ref::steal(Py_BuildValue("{s:O}", "milliseconds", ms.get())) : Ref();
+    if (!timedelta || !args || !kwargs) return nullptr;
+    return PyObject_Call(timedelta.get(), args.get(), kwargs.get());
 }
 
 }  // namespace PythonVeltraDataArray::detail

@@ -299,6 +299,19 @@ bool datetimeValue(const DatetimeText& t, TimeUnit unit, std::int64_t& value) {
     return true;
 }
 
+bool datetimeExact(const DatetimeText& t, TimeUnit unit) {
+    if (t.nat) return true;
+    if (unit == TimeUnit::Week || unit == TimeUnit::Generic) return false;
+    if (t.unit <= unit) return true;
+    if (unit >= TimeUnit::Second) {
+        const int dropped = t.fractionDigits - fractionDigitsOf(unit);
+        return dropped <= 0 || t.fraction % kPow10[static_cast<std::size_t>(dropped)] == 0;
+    }
+    return t.fraction == 0 && t.second == 0 && (unit >= TimeUnit::Minute || t.minute == 0) &&
+           (unit >= TimeUnit::Hour || t.hour == 0) && (unit >= TimeUnit::Day || t.day == 1) &&
+           (unit >= TimeUnit::Month || t.month == 1);
+}
+
 double durationMillis(std::int64_t value, TimeUnit unit, std::int64_t count) {
     if (value == kNaT) return std::nan("");
     const i128 total = static_cast<i128>(value) * count;

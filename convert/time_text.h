@@ -45,6 +45,10 @@ bool parseDatetime(std::u16string_view text, DatetimeText& out);
 // int64 (or would read as NaT). A Year or Month unit needs a text no finer than it.
 bool datetimeValue(const DatetimeText& text, TimeUnit unit, std::int64_t& value);
 
+// Whether the parsed point in time is a whole count of `unit` (Year to Atto, not Week or Generic): every part
+// finer than the unit is zero, so that datetimeValue drops nothing.
+bool datetimeExact(const DatetimeText& text, TimeUnit unit);
+
 // The milliseconds numpy's cast to timedelta64[ms] gives for `value` in units of `count` x `unit` (finer
 // units rounded toward the past, a year 365.2425 days, a month a twelfth of that), as a double and without
 // the wrap-around numpy's int64 cast has for huge values. NaN for NaT.

@@ -1,7 +1,6 @@
 #include "tables/table_to_dataframe.h"
 
 #include <cmath>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -109,13 +108,6 @@ Ref numericColumn(const Modules& m, const Array& a) {
 Ref localized(const Modules& m, PyObject* times, PyObject* zone) {
     Ref flat = Ref::steal(PyObject_CallMethod(m.numpy.get(), "asarray", "(O)", times));
     flat = flat ? Ref::steal(PyObject_CallMethod(flat.get(), "reshape", "(i)", -1)) : Ref();
-    // Times that are all NaT carry no unit, and pandas takes none: they come back as nanoseconds, the unit of
-    // every datetime that fits it.
-    Ref dtype = flat ? Ref::steal(PyObject_GetAttrString(flat.get(), "dtype")) : Ref();
-    Ref dtypeName = dtype ? Ref::steal(PyObject_GetAttrString(dtype.get(), "name")) : Ref();
-    if (!dtypeName) return Ref();
-    if (PyUnicode_Check(dtypeName.get()) && PyUnicode_CompareWithASCIIString(dtypeName.get(), "datetime64") == 0)
-        flat = Ref::steal(PyObject_CallMethod(flat.get(), "astype", "(s)", "datetime64[ns]"));
     if (!flat || zone == Py_None) return flat;
     Ref index = Ref::steal(PyObject_CallMethod(m.pandas.get(), "DatetimeIndex", "(O)", flat.get()));
     const Py_ssize_t n = flat ? PyObject_Length(flat.get()) : -1;
@@ -141,17 +133,13 @@ Ref datetimeColumn(const Modules& m, const Array& a) {
     return Ref::steal(PyObject_GetAttrString(values.get(), "array"));
 }
 
-// The unit pandas gives a column of timedelta objects (nanoseconds before pandas 3, microseconds since) and
-// its count per millisecond; found once per process. Null with an error that is not ordinary pending (and
-// nothing kept, so that the next call asks again).
-struct PandasUnit {
-    std::string dtype = "timedelta64[ns]";
-    double perMilli = 1e6;
-};
-const PandasUnit* pandasDurationUnit(const Modules& m) {
-    static std::optional<PandasUnit> found;
-    if (found) return &*found;
-    PandasUnit u;
+// The unit pandas gives a column of timedelta objects (nanoseconds before pandas 3, microseconds since),
+// found once per process. Nothing with an error that is not ordinary pending (and nothing kept, so that the
+// next call asks again).
+std::optional<TimeUnit> pandasDurationUnit(const Modules& m) {
+    static std::optional<TimeUnit> found;
+    if (found) return found;
+    TimeUnit unit = TimeUnit::Nano;
     Ref datetimeModule = Ref::steal(PyImport_ImportModule("datetime"));
     Ref zero = datetimeModule ? Ref::steal(PyObject_CallMethod(datetimeModule.get(), "timedelta", nullptr)) : Ref();
     Ref list = zero ? listOf(zero.get()) : Ref();
@@ -159,76 +147,22 @@ const PandasUnit* pandasDurationUnit(const Modules& m) {
     Ref dtype = series ? Ref::steal(PyObject_GetAttrString(series.get(), "dtype")) : Ref();
     Ref text = dtype ? Ref::steal(PyObject_Str(dtype.get())) : Ref();
     const char* name = text ? PyUnicode_AsUTF8AndSize(text.get(), nullptr) : nullptr;
-    if (name && std::string(name) == "timedelta64[us]") u = PandasUnit{name, 1e3};
-    if (!pyutil::clearOrdinary()) return nullptr;
-    found = u;
-    return &*found;
+    if (name && std::string(name) == "timedelta64[us]") unit = TimeUnit::Micro;
+    if (!pyutil::clearOrdinary()) return std::nullopt;
+    found = unit;
+    return found;
 }
 
-// Units a column of durations is coarsened to when a value does not fit pandas' own, finest first.
-struct CoarseUnit {
-    const char* dtype;
-    double millis;
-};
-constexpr CoarseUnit kCoarseUnits[] = {{"timedelta64[ms]", 1},     {"timedelta64[s]", 1e3},  {"timedelta64[m]", 6e4},
-                                       {"timedelta64[h]", 3.6e6}, {"timedelta64[D]", 8.64e7}, {"timedelta64[W]", 6.048e8}};
-
-// Whether trunc(x) is a count numpy stores (NaT's pattern excluded).
-bool fitsCount(double x) { return x > -9.2233720368547758e18 && x < 9.2233720368547758e18; }
-
-// Milliseconds (NaN for NaT) in the finest coarse unit that holds every one, truncated to it: the unit arrays
-// of durations of any length come back in, never wrapped.
-Ref coarseDurations(const Array& millis) {
-    const std::uint64_t n = millis.getNumberOfElements();
-    std::size_t unit = 0;
-    for (std::uint64_t i = 0; i < n; ++i) {
-        const double x = millis[i].castTo<double>();
-        if (std::isnan(x)) continue;
-        if (std::isinf(x)) return fail(PyExc_OverflowError, "cannot convert an infinite duration to numpy timedelta64");
-        while (!fitsCount(std::trunc(x / kCoarseUnits[unit].millis)))
-            if (++unit == std::size(kCoarseUnits)) return fail(PyExc_OverflowError, "duration too long for numpy timedelta64");
-    }
-    TimeArrayBuilder out;
-    if (!out.start(n)) return Ref();
-    for (std::uint64_t i = 0; i < n; ++i) {
-        const double x = millis[i].castTo<double>();
-        out.data()[i] = std::isnan(x) ? kNaT : static_cast<std::int64_t>(std::trunc(x / kCoarseUnits[unit].millis));
-    }
-    return Ref::steal(out.finish(kCoarseUnits[unit].dtype, Dims{1, n}));
-}
-
-// Durations as a one-dimensional timedelta64 array in pandas' own unit (NaN as NaT), rounded to it; when a
-// value does not fit that unit, in a coarser one (coarseDurations), one row as any other number of rows.
+// Durations as a one-dimensional timedelta64 array in pandas' own unit (NaN as NaT), or a coarser one when a
+// value does not fit it, one row as any other number of rows.
 Ref durationColumn(const Modules& m, const Array& a) {
     const foundation::veltradata::VeltraPropertyIdentifier millisId("millis");
-    if (a.getNumberOfElements() == 1 && foundation::veltradata::valueObjects(a)[0].hasProperty(millisId)) {
-        const Array& millis = foundation::veltradata::valueObjects(a)[0][millisId];
-        const PandasUnit* found = pandasDurationUnit(m);
-        if (!found) return Ref();
-        const PandasUnit& unit = *found;
-        const std::uint64_t n = millis.getNumberOfElements();
-        TimeArrayBuilder out;
-        if (isNumericKind(millis.getType()) && out.start(n)) {
-            bool fits = true;
-            for (std::uint64_t i = 0; i < n && fits; ++i) {
-                // Whole milliseconds scale exactly; only a fraction is rounded.
-                const double x = millis[i].castTo<double>(), whole = std::trunc(x);
-                fits = std::isnan(x) || std::fabs(x * unit.perMilli) < 9.2e18;
-                if (std::isnan(x) || !fits) {
-                    out.data()[i] = kNaT;
-                    continue;
-                }
-                out.data()[i] = static_cast<std::int64_t>(whole) * static_cast<std::int64_t>(unit.perMilli) +
-                                std::llround((x - whole) * unit.perMilli);
-            }
-            if (fits) return Ref::steal(out.finish(unit.dtype.c_str(), Dims{1, n}));
-            return coarseDurations(millis);
-        }
-        if (PyErr_Occurred()) return Ref();
-    }
-    Ref values = Ref::steal(durationToPython(a));
-    Ref flat = values ? Ref::steal(PyObject_CallMethod(m.numpy.get(), "asarray", "(O)", values.get())) : Ref();
-    return flat ? Ref::steal(PyObject_CallMethod(flat.get(), "reshape", "(i)", -1)) : Ref();
+    if (a.getNumberOfElements() != 1 || !foundation::veltradata::valueObjects(a)[0].hasProperty(millisId))
+        return Ref::steal(durationToPython(a));  // refuses it, saying why
+    const Array& millis = foundation::veltradata::valueObjects(a)[0][millisId];
+    const std::optional<TimeUnit> unit = pandasDurationUnit(m);
+    if (!unit) return Ref();
+    return Ref::steal(millisToTimedelta64(millis, Dims{1, millis.getNumberOfElements()}, unit));
 }
 
 // Every element of a dictionary array as a veltra.dictionary.

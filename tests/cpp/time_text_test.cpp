@@ -54,6 +54,15 @@ TEST(TimeText, CountsDropFinerPartsTowardThePastAndRefuseWhatInt64CannotHold) {
     ASSERT_TRUE(datetimeValue(parsed(u"-9223372036854773837"), TimeUnit::Year, v));
 }
 
+TEST(TimeText, ACountIsExactOnlyWhenEverythingFinerThanItsUnitIsZero) {
+    EXPECT_TRUE(datetimeExact(parsed(u"1000-01-01T00:00:00.123456000000"), TimeUnit::Micro));
+    EXPECT_FALSE(datetimeExact(parsed(u"1000-01-01T00:00:00.123456000001"), TimeUnit::Micro));
+    EXPECT_TRUE(datetimeExact(parsed(u"2024-03-01T00:00:00.000"), TimeUnit::Day));
+    EXPECT_FALSE(datetimeExact(parsed(u"2024-03-01T00:00:01"), TimeUnit::Minute));
+    EXPECT_FALSE(datetimeExact(parsed(u"2024-03-02"), TimeUnit::Month));
+    EXPECT_TRUE(datetimeExact(parsed(u"2024-01"), TimeUnit::Year) && datetimeExact(parsed(u"NaT"), TimeUnit::Year));
+}
+
 TEST(TimeText, PrintsNaTAndDeclinesWhatOnlyNumpyCanPrint) {
     std::u16string out;
     ASSERT_TRUE(formatDatetime(kNaT, TimeUnit::Generic, 1, out));

@@ -248,8 +248,8 @@ FROM_BYTES_OK = [
            datetime_fields(2024.5, 1, 1, zone=char("UTC"), kind=DOUBLE), datetime_texts(["2024-01-01", None, "2300-01-01"]),
            datetime_texts(["2024-01-01T10:00"] * (BIG // 32), (2, BIG // 64)), duration([1500.0]),
            duration(list(range(BIG // 8)), (2, BIG // 16)), duration([1e19, 2.0]), duration([1.5, -2.25])),
-    result(value_object("datetime", [{"DateString": strings(["1000-01-01T00:00:00.123456789012"])}], (1, 1)),
-           datetime_texts(["1000-01-01T00:00:00.123456789012Z", "NaT"])),
+    result(value_object("datetime", [{"DateString": strings(["1000-01-01T00:00:00.123456000000"])}], (1, 1)),
+           datetime_texts(["1000-01-01T00:00:00.123456000000Z", "NaT"])),
 ]
 FROM_BYTES_FAIL = [
     (result(cell([numeric(DOUBLE, [1.0]), char("a\ud800")])), UnicodeDecodeError),
@@ -273,6 +273,9 @@ FROM_BYTES_FAIL = [
     (result(value_object("datetime", [{"Year": char("2024")}], (1, 1))), ValueError),
     (result(value_object("duration", [{"millis": char("ab")}], (1, 1))), ValueError),
     (result(datetime_texts(["9" * 20, "2024-01-01"])), ValueError),
+    (result(value_object("datetime", [{"DateString": strings(["1000-01-01T00:00:00.123456789012"])}], (1, 1))),
+     ValueError),
+    (result(datetime_texts(["1000-01-01T00:00:00.123456789012Z", "NaT"])), ValueError),
     (result(value_object("table", [{}], (1, 1))), ValueError),
     (result(struct(["u"], [[pb_array(0, ())]])), TypeError),
     (result(strings(["ok" * BIG, "\ud800"])), UnicodeDecodeError),
@@ -295,7 +298,8 @@ def _exercise():
         for data in FROM_BYTES_OK:
             py_pb.serialized_str_to_py(data, schema="VELTRA_RESULT")
     for data, exc in FROM_BYTES_FAIL:
-        with pytest.raises(exc):
+        with pytest.raises(exc), warnings.catch_warnings():
+            warnings.simplefilter("ignore")
             py_pb.serialized_str_to_py(data)
     for data in UNREADABLE:
         with pytest.raises(SystemError):

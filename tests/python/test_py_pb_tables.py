@@ -2,6 +2,7 @@
 the tables the peer writes, round trips through the loopback, and every refusal."""
 
 import datetime as dt
+import math
 import random
 import signal
 import sys
@@ -14,8 +15,8 @@ from hypothesis import HealthCheck, given, settings, strategies as st
 import py_pb
 import veltra
 from conftest import CELL, CHAR, DOUBLE, INT32, LOGICAL, STRING, STRUCT, UINT8, UINT16, VALUE_OBJECT, named
-from py_pb_peer import (cell, char, datetime_texts, handles, numeric, read_one, roundtrip, sent, strings, struct,
-                        value_object)
+from py_pb_peer import (cell, char, datetime_texts, duration, handles, numeric, read_one, roundtrip, sent, strings,
+                        struct, value_object)
 from py_pb_peer import array as pb_array
 from veltra.loopback import loopback
 
@@ -290,6 +291,13 @@ def test_a_timetable_from_the_engine_has_its_row_times_as_index_with_nat_for_mis
                              datetime_texts(["2024-01-01T10:00:00", None], (2, 1)), ("Stamp", "Variables")))
     assert out.index.name == "Stamp" and str(out.index.dtype) == "datetime64[ns]"
     assert out.index[0] == pd.Timestamp("2024-01-01T10:00") and out.index[1] is pd.NaT
+
+
+@pytest.mark.parametrize("millis", [[0.0005, 0.0015, -0.0025, 1.25, math.nan], [1.5e19, 1500.0, -2500.0]])
+def test_a_duration_variable_rounds_as_durations_alone_do(millis):
+    alone = read_one(duration(millis, (len(millis), 1))).ravel()
+    column = read_one(table([duration(millis, (len(millis), 1))], ["d"]))["d"].to_numpy()
+    assert np.array_equal(column, alone, equal_nan=True)
 
 
 def test_tables_from_the_engine_read_every_variable_kind():

@@ -382,26 +382,34 @@ def _text_form(texts):
 @pytest.mark.parametrize(
     "message, expected",
     [
-        (_text_form(["9" * 20]), ValueError),  # a year numpy's reader wraps
-        (_text_form(["9" * 19, "2024"]), ValueError),
-        # Units too fine for the date: a coarser one, as for arrays, never a wrapped count.
-        (_text_form(["1000-01-01T00:00:00.123456789012"]), np.datetime64("1000-01-01T00:00:00.123456")),
-        (_text_form(["1970-01-01T00:00:30.000000000000000001Z", "2024-01-01"]),
-         np.array(["1970-01-01T00:00:30", "2024-01-01"], "M8[us]")),
-        (datetime_texts(["1000-01-01T00:00:00.123456789012Z", "2024-01-01"]),
+        (_text_form(["9" * 20]), "9" * 20),  # a year numpy's reader wraps
+        (_text_form(["9" * 19, "2024"]), "9" * 19),
+        # Units too fine for the date: the next coarser one that counts it, when it drops only zeros; never a
+        # wrapped or a cut count.
+        (_text_form(["1000-01-01T00:00:00.123456000000"]), np.datetime64("1000-01-01T00:00:00.123456")),
+        (_text_form(["2024-01-01T00:00:00.123456789000", "NaT"]), np.array(["2024-01-01T00:00:00.123456789", "NaT"], "M8[ns]")),
+        (_text_form(["1000-01-01T00:00:00.123456789012"]), "1000-01-01T00:00:00.123456789012"),
+        (_text_form(["1970-01-01T00:00:30.000000000000000000Z", "2024-01-01"]),
+         np.array(["1970-01-01T00:00:30", "2024-01-01"], "M8[ns]")),
+        (_text_form(["1970-01-01T00:00:30.000000000000000001Z", "2024-01-01"]), "1970-01-01T00:00:30.000000000000000001Z"),
+        (datetime_texts(["1000-01-01T00:00:00.123456000000Z", "2024-01-01"]),
          np.array(["1000-01-01T00:00:00.123456", "2024-01-01"], "M8[us]")),
+        (datetime_texts(["1000-01-01T00:00:00.123456789012Z", "2024-01-01"]), "1000-01-01T00:00:00.123456789012Z"),
+        # The date that asks for the coarser unit is named, whichever text would lose its digits.
+        (datetime_texts(["2024-01-01T00:00:00.123456789", "1000-01-01"]), "1000-01-01"),
     ],
 )
-def test_engine_texts_never_come_back_wrapped(message, expected):
+def test_engine_texts_never_come_back_wrapped_or_cut(message, expected):
     with warnings.catch_warnings():
         warnings.simplefilter("ignore")  # numpy's on the zone suffix
-        if expected is ValueError:
-            with pytest.raises(ValueError, match="outside the range"):
+        if isinstance(expected, str):
+            with pytest.raises(ValueError, match="outside the range") as e:
                 read_one(message)
+            assert repr(expected) in str(e.value)
             return
         back = read_one(message)
     assert type(back) is type(expected) and back.dtype == expected.dtype
-    assert np.array_equal(back, expected)
+    assert np.array_equal(back, expected, equal_nan=True)
 
 
 @pytest.mark.parametrize("value", [np.datetime64("NaT", "ns"), np.array(["NaT", "NaT"], "M8[ns]"),
