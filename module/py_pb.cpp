@@ -23,10 +23,17 @@ std::string textOf(PyObject* obj) {
     Ref s = Ref::steal(PyObject_Str(obj));
     const char* utf8 = s ? PyUnicode_AsUTF8AndSize(s.get(), nullptr) : nullptr;
     if (!utf8) {
-        PyErr_Clear();
+        PythonVeltraDataArray::pyutil::clearOrdinary();
         return std::string();
     }
     return utf8;
+}
+
+// A start-up step failed with a Python error pending: the step's message replaces an ordinary error, while an
+// interrupt (or out of memory) is the outcome as it stands.
+[[noreturn]] void throwStep(const char* text) {
+    if (!PythonVeltraDataArray::pyutil::clearOrdinary()) throw PythonVeltraDataArray::pyutil::PyErrorSet{};
+    throw std::runtime_error(text);
 }
 
 // Step 1: the module's own types go into the package `veltra`, once per process: a second import of py_pb,
@@ -38,6 +45,7 @@ void injectTypes() {
     Ref package = Ref::steal(PyImport_ImportModule("veltra"));
     if (!package) {
         if (PyErr_Occurred()) {
+            if (!PythonVeltraDataArray::pyutil::pendingIsOrdinary()) throw PythonVeltraDataArray::pyutil::PyErrorSet{};
             PyErr_Print();
             throw std::runtime_error("Failed to initialize 'veltra' module.");
         }
@@ -45,26 +53,21 @@ void injectTypes() {
     }
     Ref objectType = Ref::steal(PythonVeltraDataArray::types::objectType());
     if (!objectType) {
-        PyErr_Clear();
-        throw std::runtime_error("PyType_Ready(&veltraObjectType) failed.");
+        throwStep("PyType_Ready(&veltraObjectType) failed.");
     }
     if (PyModule_AddObjectRef(package.get(), "object", objectType.get()) < 0) {
-        PyErr_Clear();
-        throw std::runtime_error("PyModule_AddObject() failed for 'object'.");
+        throwStep("PyModule_AddObject() failed for 'object'.");
     }
     Ref dictionaryType = Ref::steal(PythonVeltraDataArray::types::dictionaryType());
     if (!dictionaryType) {
-        PyErr_Clear();
-        throw std::runtime_error("PyType_Ready(&veltraDictionaryType) failed.");
+        throwStep("PyType_Ready(&veltraDictionaryType) failed.");
     }
     if (PyModule_AddObjectRef(package.get(), "dictionary", dictionaryType.get()) < 0) {
-        PyErr_Clear();
-        throw std::runtime_error("PyModule_AddObject() failed for 'dictionary'.");
+        throwStep("PyModule_AddObject() failed for 'dictionary'.");
     }
     Ref iterType = Ref::steal(PythonVeltraDataArray::types::dictionaryIterType());  // readied, not added
     if (!iterType) {
-        PyErr_Clear();
-        throw std::runtime_error("PyType_Ready(&veltraDictionaryIter_Type) failed.");
+        throwStep("PyType_Ready(&veltraDictionaryIter_Type) failed.");
     }
     // The type objects live as long as the process, whatever becomes of the package attribute.
     Py_INCREF(objectType.get());
@@ -99,7 +102,7 @@ const VeltraArrayCapi* checkedTable(const void* table) {
 void importArrayPackage() {
     Ref package = Ref::steal(PyImport_ImportModule("veltramultidimarrayforpython"));
     if (!package) {
-        PyErr_Clear();
+        if (!PythonVeltraDataArray::pyutil::clearOrdinary()) throw PythonVeltraDataArray::pyutil::PyErrorSet{};
         std::string message = "Unable to import veltramultidimarrayforpython; sys.path: \n";
         PyObject* path = PySys_GetObject("path");  // borrowed
         if (path && PyList_Check(path)) {
@@ -111,15 +114,13 @@ void importArrayPackage() {
 
     void* table = PyCapsule_Import(VELTRA_CAPI_CAPSULE_NAME, 0);
     if (!table) {
-        PyErr_Clear();
-        throw std::runtime_error("Unable to import capsule");
+        throwStep("Unable to import capsule");
     }
     const VeltraArrayCapi* capi = checkedTable(table);
 
     PyObject* doubleType = PyObject_GetAttrString(package.get(), "double");
     if (!doubleType) {
-        PyErr_Clear();
-        throw std::runtime_error("unable to retrieve type object 'double'");
+        throwStep("unable to retrieve type object 'double'");
     }
     PythonVeltraDataArray::detail::setCapsule(capi);
     PythonVeltraDataArray::detail::setPackageDoubleType(doubleType);  // kept for the life of the process
@@ -167,7 +168,7 @@ PyMODINIT_FUNC PyInit_py_pb(void) {
     // Step 3.
     PyObject* module = PyModule_Create2(&g_module, 1013);
     if (!module) {
-        PyErr_Clear();
+        if (!PythonVeltraDataArray::pyutil::clearOrdinary()) return nullptr;
         PyErr_SetString(PyExc_ValueError, "Unable to create module");
         return nullptr;
     }

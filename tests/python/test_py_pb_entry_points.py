@@ -47,6 +47,24 @@ def test_missing_array_package_fails_initialisation_with_sys_path_listed():
     assert message.endswith("/no/such/dir\n")
 
 
+def test_an_interrupt_while_importing_stays_an_interrupt():
+    out = run_python(
+        """
+        import sys, types
+        class Stop:  # the typed array package's import is interrupted
+            def find_spec(self, name, path=None, target=None):
+                if name == "veltramultidimarrayforpython":
+                    raise KeyboardInterrupt
+        sys.meta_path.insert(0, Stop())
+        try:
+            import py_pb
+        except KeyboardInterrupt:
+            print("interrupted")
+        """
+    )
+    assert out == "interrupted\n"
+
+
 @pytest.mark.parametrize(
     "setup, details",
     [
