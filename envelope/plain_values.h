@@ -41,8 +41,12 @@ public:
     void fieldName(const char* name, std::size_t n);
     void end();
 
-    // Entries held in memory (a value each, and a struct's field names).
-    std::size_t capacity() const { return entries_.capacity(); }
+    // The bytes the tape holds on to between calls: its entries (a value each, and a struct's field names), the
+    // units of the texts written into it, the names.
+    std::size_t heldBytes() const {
+        return entries_.capacity() * sizeof(Entry) + open_.capacity() * sizeof(Open) +
+               units_.capacity() * sizeof(char16_t) + names_.capacity();
+    }
     // Values open around the next one: the nesting depth it would have as an argument's element.
     std::size_t depth() const { return open_.size(); }
 

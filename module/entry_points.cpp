@@ -36,19 +36,30 @@ const char* const kArgsInvalid = "args invalid";
 const char* const kOnePositional = "py_to_serialized_str requires exactly one positional argument";
 const char* const kReadFailed = "Exception thrown from protobuf2vdata with the following content:";
 constexpr std::size_t kHugePageWorthwhile = std::size_t{8} << 20;
+// Calls this large make and drop so many arrays that the memory they freed is handed back to the system
+// afterwards (releaseFreeMemory): arguments of this many values, results of this many bytes.
+constexpr std::uint64_t kManyValues = std::uint64_t{1} << 18;
+constexpr std::size_t kLargeResult = std::size_t{8} << 20;
+
+// Without the interpreter lock: no Python object is touched.
+void releaseFreeMemory() {
+    Py_BEGIN_ALLOW_THREADS
+    foundation::veltradata::detail::releaseFreeMemory();
+    Py_END_ALLOW_THREADS
+}
 
 // Building parameters, start to end: the argument's conversion and the message. The whole argument is
 // converted as the top level (ConversionState::topLevel(), the one place that sets it): a tuple's or list's
 // elements then get their container's state, so every str argument travels as a char array; a str passed
 // alone would be a string scalar but is refused like every non-container argument, since the parameters
 // need a cell of arguments.
-PyObject* buildParams(PyObject* obj, std::int32_t nargout) {
-    if (const Shortcut plain = plainParams(obj, nargout); !plain.declined) return plain.value;
+PyObject* writeParams(PyObject* obj, std::int32_t nargout, std::uint64_t& values) {
     std::optional<Array> args;
     {
         detail::CallBudget budget;  // what the conversion may still produce; see convert/budget.h
         // The arguments are written out below while `obj` is still held: large buffers are borrowed.
         args = detail::convertToArray(obj, ConversionState::topLevel(&budget, true));
+        values = budget.counts().values;
     }
     if (!args) return nullptr;
 
@@ -66,6 +77,14 @@ PyObject* buildParams(PyObject* obj, std::int32_t nargout) {
     if (!bytes) return nullptr;
     message.writeTo(out);
     return bytes.release();
+}
+
+PyObject* buildParams(PyObject* obj, std::int32_t nargout) {
+    if (const Shortcut plain = plainParams(obj, nargout); !plain.declined) return plain.value;
+    std::uint64_t values = 0;
+    PyObject* params = writeParams(obj, nargout, values);  // its arrays are gone on return
+    if (values >= kManyValues) releaseFreeMemory();
+    return params;
 }
 
 }  // namespace
@@ -109,13 +128,12 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
             return fail(PyExc_ValueError, kArgsInvalid);
         }
         if (!PyBuffer_IsContiguous(&*view, 'C')) return fail(PyExc_ValueError, kArgsInvalid);
+        const auto size = static_cast<std::size_t>(view->len);
 
         const KeywordOptions options = parseKeywords(kwargs, Direction::FromBytes);
         if (options.failed) return nullptr;
 
-        if (const Shortcut plain = plainResult(static_cast<const std::uint8_t*>(view->buf),
-                                               static_cast<std::size_t>(view->len));
-            !plain.declined) {
+        if (const Shortcut plain = plainResult(static_cast<const std::uint8_t*>(view->buf), size); !plain.declined) {
             return plain.value;
         }
 
@@ -126,8 +144,7 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
         // runs meanwhile, and nothing read refers to the buffer, which is let go before any value is made.
         Array result;
         try {
-            result = foundation::protobuf::common::readResult(static_cast<const std::uint8_t*>(view->buf),
-                                                              static_cast<std::size_t>(view->len));
+            result = foundation::protobuf::common::readResult(static_cast<const std::uint8_t*>(view->buf), size);
             view.release();
         } catch (const std::bad_alloc&) {
             return PyErr_NoMemory();  // out of memory is not a malformed message
@@ -141,7 +158,12 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
             return nullptr;
         }
         // Failures while converting what was read are ordinary Python errors.
-        return detail::toPython(result);
+        PyObject* value = detail::toPython(result);
+        if (size >= kLargeResult) {
+            result = Array();
+            releaseFreeMemory();
+        }
+        return value;
     } catch (...) {
         return pyutil::failFromCurrentException();
     }

@@ -14,6 +14,7 @@
 #include "envelope/serialization.h"
 #include "module/entry_points.h"
 #include "pyutil/ref.h"
+#include "veltradata/buffer.h"
 
 namespace PythonVeltraDataArray::module {
 
@@ -42,13 +43,21 @@ struct Level {
     explicit operator bool() const { return bool(guard); }
 };
 
-// One tape per process, reused; a call that finds it taken (a signal handler calling in) makes its own.
+// One tape per process, reused; a call that finds it taken (a signal handler calling in) makes its own. A
+// huge call's tape is not kept, and the memory it grew in is given back.
 class TapeLease {
 public:
     TapeLease() : tape_(spare_ ? std::move(spare_) : std::make_unique<common::PlainParams>()) { tape_->clear(); }
     ~TapeLease() {
-        constexpr std::size_t kKeep = std::size_t{1} << 16;  // values; a huge call's tape is not kept
-        if (!spare_ && tape_->capacity() <= kKeep) spare_ = std::move(tape_);
+        constexpr std::size_t kKeep = std::size_t{8} << 20;  // bytes
+        if (tape_->heldBytes() > kKeep) {
+            tape_.reset();
+            Py_BEGIN_ALLOW_THREADS
+            foundation::veltradata::detail::releaseFreeMemory();
+            Py_END_ALLOW_THREADS
+        } else if (!spare_) {
+            spare_ = std::move(tape_);
+        }
     }
     common::PlainParams& operator*() { return *tape_; }
 

@@ -16,10 +16,23 @@ void checkAllocationSize(std::size_t bytes);
 // Small objects the library makes by the hundred thousand (implementation objects, tiny element blocks):
 // allocateSmall gives a block of at least `bytes` bytes, from a pool of 64-byte-aligned blocks when bytes <=
 // kPooledBlockMax (except in sanitizer builds), from the general heap otherwise; deallocateSmall takes it
-// back with the same size. Throws std::bad_alloc.
+// back with the same size. Throws std::bad_alloc. The pool cuts slabs of kPoolSlabBytes from memory mapped for
+// it; slabs none of whose blocks is in use are kept for the next call up to kPoolIdleBytesKept over all size
+// classes, and unmapped beyond that.
 inline constexpr std::size_t kPooledBlockMax = 256;
+inline constexpr std::size_t kPoolSlabBytes = std::size_t{64} << 10;
+inline constexpr std::size_t kPoolIdleBytesKept = std::size_t{32} << 20;
 void* allocateSmall(std::size_t bytes);
 void deallocateSmall(void* p, std::size_t bytes) noexcept;
+// The bytes of slabs the pool holds now, in use or not.
+std::size_t pooledBytes() noexcept;
+
+// Gives back to the system what is free but kept for reuse: the pool's slabs with no block in use, and the C
+// library's free heap pages (arrays keep parts there, dimensions and lists of elements, and the C library
+// holds on to what they freed, often for good). For the end of a call that made and dropped a great many
+// arrays, so that the process shrinks back: it walks the heap's free lists (milliseconds after a call of
+// millions of values), and the next call maps and touches its memory afresh.
+void releaseFreeMemory() noexcept;
 
 // Asks the kernel to back the whole 2 MiB pages inside [p, p + bytes) with huge pages before they are first
 // written; worth it only for blocks of several MiB that are about to be filled.

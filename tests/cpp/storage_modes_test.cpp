@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -154,6 +155,82 @@ TEST(PooledBlocks, ManyScalarsAliveAtOnceKeepTheirValuesAndHandles) {
     EXPECT_EQ(kept[0].getValue<double>(), 1234.0);
     for (int i = 0; i < 1000; ++i) ASSERT_EQ(scalars[i][0].getValue<double>(), i);
     for (int i = 0; i < 1000; ++i) ASSERT_EQ(scalars[4000 + i][0].getValue<double>(), -i);
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kPooled = false;  // sanitizer builds allocate each block on its own
+#elif defined(__has_feature)
+constexpr bool kPooled = !__has_feature(address_sanitizer);
+#else
+constexpr bool kPooled = true;
+#endif
+
+// A call that makes a great many scalars: once they are gone, the pool keeps no more than its idle allowance,
+// and nothing once told to give memory back, while blocks still in use (one in many) stay intact.
+TEST(PooledBlocks, SlabsWithNoBlockInUseGoBackToTheSystem) {
+    if (!kPooled) GTEST_SKIP() << "no pool in sanitizer builds";
+    constexpr std::size_t kEvery = 5000;
+    const std::size_t before = detail::pooledBytes();
+    const std::size_t sizes[] = {8, sizeof(detail::ArrayImpl)};
+    const std::size_t counts[] = {2 * detail::kPoolIdleBytesKept / 64, 20000};
+    std::vector<void*> blocks[2], kept[2];
+    for (int k = 0; k < 2; ++k) {
+        blocks[k].reserve(counts[k]);
+        for (std::size_t i = 0; i < counts[k]; ++i) {
+            blocks[k].push_back(detail::allocateSmall(sizes[k]));
+            std::memcpy(blocks[k].back(), &i, sizeof i);
+        }
+    }
+    ASSERT_GE(detail::pooledBytes(), before + counts[0] * 64);
+    for (int k = 0; k < 2; ++k) {
+        // Given back out of order: the even ones first, then the odd ones from the end.
+        for (std::size_t i = 0; i < counts[k]; i += 2) {
+            if (i % kEvery == 0) kept[k].push_back(blocks[k][i]);
+            else detail::deallocateSmall(blocks[k][i], sizes[k]);
+        }
+        for (std::size_t i = counts[k] - 1; i < counts[k]; i -= 2) detail::deallocateSmall(blocks[k][i], sizes[k]);
+    }
+    const std::size_t keptSlabs = (kept[0].size() + kept[1].size()) * detail::kPoolSlabBytes;
+    EXPECT_LE(detail::pooledBytes(), before + detail::kPoolIdleBytesKept + keptSlabs);
+    detail::releaseFreeMemory();
+    EXPECT_LE(detail::pooledBytes(), before + keptSlabs);
+    for (int k = 0; k < 2; ++k) {
+        for (std::size_t j = 0; j < kept[k].size(); ++j) {
+            std::size_t stamp;
+            std::memcpy(&stamp, kept[k][j], sizeof stamp);
+            EXPECT_EQ(stamp, j * kEvery);
+            detail::deallocateSmall(kept[k][j], sizes[k]);
+        }
+    }
+    detail::releaseFreeMemory();
+    EXPECT_LE(detail::pooledBytes(), before);
+}
+
+// Several threads take and give back blocks of every class at once, across slab boundaries, while one of them
+// keeps giving idle slabs back: no block is handed out twice or unmapped while in use.
+TEST(PooledBlocks, ThreadsShareThePoolSafely) {
+    constexpr int kThreads = 4, kRounds = 300, kBlocks = 3000;
+    std::vector<std::thread> threads;
+    std::vector<int> faults(kThreads, 0);
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t, &faults] {
+            for (int round = 0; round < kRounds; ++round) {
+                const std::size_t bytes = 1 + static_cast<std::size_t>(round % 4) * 64;  // all in one class
+                std::vector<std::uint32_t*> blocks;
+                for (int i = 0; i < kBlocks; ++i) {
+                    auto* p = static_cast<std::uint32_t*>(detail::allocateSmall(bytes));
+                    *p = static_cast<std::uint32_t>(t << 24 | i);
+                    blocks.push_back(p);
+                }
+                for (int i = 0; i < kBlocks; ++i)
+                    if (*blocks[i] != static_cast<std::uint32_t>(t << 24 | i)) ++faults[t];
+                for (std::uint32_t* p : blocks) detail::deallocateSmall(p, bytes);
+                if (t == 0) detail::releaseFreeMemory();
+            }
+        });
+    }
+    for (std::thread& th : threads) th.join();
+    for (int t = 0; t < kThreads; ++t) EXPECT_EQ(faults[t], 0) << t;
 }
 
 }  // namespace

@@ -17,7 +17,7 @@ import pytest
 import py_pb
 import veltra
 import veltramultidimarrayforpython as vpkg
-from conftest import DOUBLE, ENUM, LOGICAL, SINGLE, SPARSE_DOUBLE, VALUE_OBJECT, named, rss_kib
+from conftest import DOUBLE, ENUM, LOGICAL, SINGLE, SPARSE_DOUBLE, VALUE_OBJECT, named, rss_kib, run_python
 from py_pb_peer import (array as pb_array, cell, char, datetime_fields, datetime_texts, duration, handles, numeric, result,
                         strings, struct, value_object)
 from veltra.loopback import error_result, loopback
@@ -368,3 +368,34 @@ def test_conversions_do_not_leak(capfd):
     assert grown < 256 * 1024, f"Python allocations grew by {grown} bytes"
     growth = rss_kib() - rss
     assert growth < 16 * 1024, f"RSS grew by {growth} KiB"
+
+
+_GROWTH_AFTER = """
+import gc
+import numpy as np
+import py_pb
+from veltra.loopback import loopback
+
+def rss_kib():
+    with open("/proc/self/status") as f:
+        return next(int(line.split()[1]) for line in f if line.startswith("VmRSS:"))
+
+py_pb.serialized_str_to_py(loopback(py_pb.py_to_serialized_str(([1.0], np.ones((2, 2))))))
+gc.collect()
+before = rss_kib()
+{call}
+gc.collect()
+print(rss_kib() - before)
+"""
+
+
+@pytest.mark.parametrize("call, bound_mib", [
+    # Two million numbers beside a numpy array take the general way: millions of arrays made and dropped.
+    ("assert len(py_pb.serialized_str_to_py(loopback(py_pb.py_to_serialized_str("
+     "([float(i) for i in range(2_000_000)], np.ones((2, 2))))))[0]) == 2_000_000", 64),
+    # Sixty thousand texts of 256 characters fill a plain call's tape with 30 MiB of text.
+    ("py_pb.py_to_serialized_str(['%256d' % i for i in range(60_000)])", 16),
+], ids=["numbers", "texts"])
+def test_large_calls_give_their_memory_back(call, bound_mib):
+    growth = int(run_python(_GROWTH_AFTER.format(call=call)))  # a fresh process: the figures are its own
+    assert growth < bound_mib * 1024, f"RSS stayed {growth} KiB above where it was"
