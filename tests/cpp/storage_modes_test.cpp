@@ -215,7 +215,8 @@ TEST(PooledBlocks, ThreadsShareThePoolSafely) {
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([t, &faults] {
             for (int round = 0; round < kRounds; ++round) {
-                const std::size_t bytes = 1 + static_cast<std::size_t>(round % 4) * 64;  // all in one class
+                // Room for the stamp each block carries, in four size classes.
+                const std::size_t bytes = sizeof(std::uint32_t) + static_cast<std::size_t>(round % 4) * 64;
                 std::vector<std::uint32_t*> blocks;
                 for (int i = 0; i < kBlocks; ++i) {
                     auto* p = static_cast<std::uint32_t*>(detail::allocateSmall(bytes));
