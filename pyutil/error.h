@@ -28,16 +28,29 @@ struct Failure {
     operator Ref() const noexcept { return Ref(); }    // NOLINT
 };
 
+// Errors a conversion may absorb or restate are ordinary ones (`Exception` and below, MemoryError aside).
+// KeyboardInterrupt, SystemExit, MemoryError and every other BaseException are the user's or the machine's
+// verdict on the whole call: they pass through as raised, never cleared, wrapped or replaced.
+inline bool isOrdinaryError(PyObject* type) noexcept {
+    return type && PyErr_GivenExceptionMatches(type, PyExc_Exception) &&
+           !PyErr_GivenExceptionMatches(type, PyExc_MemoryError);
+}
+inline bool pendingIsOrdinary() noexcept { return isOrdinaryError(PyErr_Occurred()); }
+// Such an error is pending: nothing may clear or overwrite it.
+inline bool stopPending() noexcept {
+    PyObject* pending = PyErr_Occurred();
+    return pending && !isOrdinaryError(pending);
+}
+
 // fail() never overwrites a pending error that is not ordinary (KeyboardInterrupt, MemoryError ...).
-inline bool pendingIsOrdinary() noexcept;
 inline Failure fail(PyObject* type, const char* text) noexcept {
-    if (PyErr_Occurred() && !pendingIsOrdinary()) return {};
+    if (stopPending()) return {};
     PyErr_SetString(type, text);
     return {};
 }
 // The whole text, also past a NUL that a name or value in it may hold.
 inline Failure fail(PyObject* type, const std::string& text) noexcept {
-    if (PyErr_Occurred() && !pendingIsOrdinary()) return {};
+    if (stopPending()) return {};
     const Ref message = Ref::steal(PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace"));
     if (message) PyErr_SetObject(type, message.get());  // otherwise the MemoryError stands
     return {};
@@ -58,20 +71,10 @@ inline Ref check(PyObject* o) {
     return Ref::steal(o);
 }
 
-// Errors a conversion may absorb or restate are ordinary ones (`Exception` and below, MemoryError aside).
-// KeyboardInterrupt, SystemExit, MemoryError and every other BaseException are the user's or the machine's
-// verdict on the whole call: they pass through as raised, never cleared, wrapped or replaced.
-inline bool isOrdinaryError(PyObject* type) noexcept {
-    return type && PyErr_GivenExceptionMatches(type, PyExc_Exception) &&
-           !PyErr_GivenExceptionMatches(type, PyExc_MemoryError);
-}
-inline bool pendingIsOrdinary() noexcept { return isOrdinaryError(PyErr_Occurred()); }
-
 // Clears the pending error when it is ordinary (or none is pending) and says so; leaves any other pending
 // error in place and returns false, so that the caller passes it up:  if (!clearOrdinary()) return failed();
 inline bool clearOrdinary() noexcept {
-    PyObject* pending = PyErr_Occurred();
-    if (pending && !isOrdinaryError(pending)) return false;
+    if (stopPending()) return false;
     PyErr_Clear();
     return true;
 }
@@ -92,8 +95,7 @@ class ErrorAside {
 public:
     ErrorAside() noexcept { PyErr_Fetch(type_.out(), value_.out(), traceback_.out()); }
     ~ErrorAside() {
-        PyObject* raised = PyErr_Occurred();
-        if (raised && !isOrdinaryError(raised) && isOrdinaryOrNone(type_.get())) return;
+        if (stopPending() && isOrdinaryOrNone(type_.get())) return;
         PyErr_Clear();
         PyErr_Restore(type_.release(), value_.release(), traceback_.release());
     }
@@ -136,7 +138,7 @@ inline Ref fetchNormalized() noexcept {
 // reason stays visible in the traceback. With `appendCauseText`, str(cause) is added to the text. An error
 // that is not ordinary is left as it is.
 inline void replaceError(PyObject* type, std::string text, bool appendCauseText = false) {
-    if (PyErr_Occurred() && !pendingIsOrdinary()) return;
+    if (stopPending()) return;
     Ref cause = fetchNormalized();
     if (appendCauseText) {
         Ref str = cause ? Ref::steal(PyObject_Str(cause.get())) : Ref();

@@ -32,7 +32,7 @@ inline Failure failFromCurrentException(const char* prefix = "") noexcept {
         if (!PyErr_Occurred()) PyErr_SetString(PyExc_SystemError, "error reported without an exception set");
         return {};
     } catch (const std::bad_alloc&) {
-        if (!PyErr_Occurred() || pendingIsOrdinary()) PyErr_NoMemory();
+        if (!stopPending()) PyErr_NoMemory();
         return {};
     } catch (const foundation::veltradata::IndexOutOfRangeException& e) {
         return fail(PyExc_IndexError, std::string(prefix) + e.what());
