@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
 # Fuzzes the Python extensions with atheris: builds py_pb and veltramultidimarrayforpython with ASan, UBSan and
 # fuzzer coverage (clang, build/asan-py), stages them with the veltra package, and runs every harness
-# fuzz/fuzz_module_*.py from its committed corpus fuzz/corpus/<harness>: by default a replay of a fixed number
-# of inputs from a fixed seed (scripts/fuzz_common.sh), with FUZZ_SECONDS set a campaign of that many seconds.
+# fuzz/fuzz_module_*.py from its committed corpus fuzz/corpus/<harness>: by default a replay (fuzz/replay.py: the
+# corpus, then a fixed number of mutations of it drawn from a fixed seed), with FUZZ_SECONDS set a libFuzzer
+# campaign of that many seconds. A coverage-guided run is not repeatable even from a fixed seed: the allocator,
+# the interpreter's signal handlers and library threads move addresses, and the comparisons and hash tables the
+# coverage sees follow addresses; so the replay takes no coverage feedback.
 # Exits non-zero when any harness finds a crash, a sanitizer report or an unexpected exception; the input is
 # kept in build/asan-py/artifacts. Then runs the tests of hostile inputs against the same build.
 # JOBS sets the build parallelism (default 2); PYTHON the interpreter (default .venv).
@@ -46,26 +49,37 @@ failed=()
 mkdir -p "$BUILD/artifacts"
 for harness in fuzz/fuzz_module_*.py; do
   name=$(basename "$harness" .py)
-  corpus=$(fuzz_scratch "$BUILD/corpus/$name")
   log="$BUILD/$name.log"
   seeds=()
   [ -d "fuzz/corpus/$name" ] && seeds+=("fuzz/corpus/$name")
   # The raw bytes harness also starts from the C++ reader's seeds.
   [ "$name" = fuzz_module_bytes ] && [ -d fuzz/seeds/fuzz_result_reader ] && seeds+=(fuzz/seeds/fuzz_result_reader)
-  echo "== $name: $(fuzz_options "$(replay_runs "$name")")"
-  # -close_fd_mask=2: serialized_str_to_py prints every unreadable message on standard error; libFuzzer and
-  # the sanitizers keep writing to a copy of it (atheris reports uncaught exceptions through libFuzzer).
   status=0
-  # shellcheck disable=SC2046
-  no_aslr "$PY" "$harness" $(fuzz_options "$(replay_runs "$name")") -timeout=30 -rss_limit_mb=2048 -max_len=65536 \
-    -close_fd_mask=2 -print_final_stats=1 -artifact_prefix="$BUILD/artifacts/$name-" \
-    "$corpus" "${seeds[@]}" >"$log" 2>&1 || status=$?
+  if fuzz_is_campaign; then
+    corpus=$(fuzz_scratch "$BUILD/corpus/$name")
+    echo "== $name: campaign of $FUZZ_SECONDS s"
+    # -close_fd_mask=2: serialized_str_to_py prints every unreadable message on standard error; libFuzzer and
+    # the sanitizers keep writing to a copy of it (atheris reports uncaught exceptions through libFuzzer).
+    "$PY" "$harness" "$(fuzz_options)" -timeout=30 -rss_limit_mb=2048 -max_len=65536 -close_fd_mask=2 \
+      -print_final_stats=1 -artifact_prefix="$BUILD/artifacts/$name-" "$corpus" "${seeds[@]}" >"$log" 2>&1 \
+      || status=$?
+  else
+    # A replay has no coverage feedback (fuzz/replay.py), so nothing in it depends on timing; the sanitizer
+    # refuses a single allocation past 2 GiB as libFuzzer's malloc limit would, and a hang ends at the timeout.
+    echo "== $name: replay of the corpus and $(replay_runs "$name") mutations, seed $FUZZ_SEED"
+    ASAN_OPTIONS="$ASAN_OPTIONS:max_allocation_size_mb=2048" timeout 20m \
+      "$PY" fuzz/replay.py "$harness" "$(replay_runs "$name")" "$FUZZ_SEED" "$BUILD/artifacts/$name-" \
+      "${seeds[@]}" >"$log" 2>&1 || status=$?
+  fi
   if [ "$status" -ne 0 ]; then
     tail -n 60 "$log"
     echo "!! $name failed (exit $status); the whole log is $log"
+    fuzz_is_campaign || echo "!! the input it was running is $BUILD/artifacts/$name-current"
     failed+=("$name")
-  else
+  elif fuzz_is_campaign; then
     fuzz_summary "$log"
+  else
+    tail -n 1 "$log"
   fi
 done
 
