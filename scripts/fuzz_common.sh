@@ -32,6 +32,16 @@ fuzz_scratch() {
   echo "$1"
 }
 
+# no_aslr COMMAND...: runs it at fixed addresses where the machine allows that, so that the comparisons coverage
+# sees (pointer-keyed tables, addresses compared) are the same each run.
+no_aslr() {
+  if ! fuzz_is_campaign && setarch "$(uname -m)" -R true 2>/dev/null; then
+    setarch "$(uname -m)" -R "$@"
+  else
+    "$@"
+  fi
+}
+
 # fuzz_summary LOG: what a run found, without the figures that vary with the machine (speed, memory).
 fuzz_summary() {
   grep -E '^(#[0-9]+[[:space:]]+DONE|stat::(number_of_executed_units|new_units_added))' "$1" |
