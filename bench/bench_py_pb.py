@@ -9,7 +9,8 @@ Prints ratios (ours / peer; lower is better) with the target for each:
     and int16 arrays of the same size and row count, each against its own a.copy();
   - a result holding one 64 MiB double array into a veltra.double and on to numpy.asarray, against the same;
   - peak memory above the input for the big cases, each in a fresh process (VmHWM), against the payload;
-  - 100,000 mixed numbers and strings in a list, and 100,000 numbers in a dict of 1,000 lists: time per element
+  - 100,000 mixed numbers and strings in a list, and 100,000 numbers in a dict of 1,000 lists: time per element;
+    2,000,000 floats with one 2-by-2 array beside them, against the floats alone
     against pickle;
   - time values, 1,000,000 elements each, in elements per second: a datetime64[ns] array both ways and an engine
     datetime array coming back, against numpy.datetime_as_string of the same values; a timedelta64[ns] array
@@ -276,6 +277,12 @@ def many_elements(report, repeat):
         report.ratio(f"{label}: from bytes", in_ours / n, in_peer / n, "pickle.loads", target=3.0, unit="ns",
                      scale=1e9)
         print(f"    (message {len(result):,} bytes, pickle {len(pickled):,} bytes)")
+
+    # One value that is no plain value costs that value, not a second walk over the others.
+    floats = [i * 0.5 for i in range(2_000_000)]
+    alone = best(lambda: py_pb.py_to_serialized_str((floats,)), repeat)
+    mixed_call = best(lambda: py_pb.py_to_serialized_str((floats, np.ones((2, 2)))), repeat)
+    report.ratio("2,000,000 floats and one 2-by-2 array: to bytes", mixed_call, alone, "the floats alone", target=1.2)
 
 
 # Kinds and field numbers of envelope/proto/veltra_array.proto used below.

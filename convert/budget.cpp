@@ -56,6 +56,10 @@ void CallBudget::remember(PyObject* container, const Array& converted, Counts si
     shared_.emplace(container, Shared{converted, counts, Ref::borrow(container)});
 }
 
+bool CallBudget::firstMeeting(PyObject* container) {
+    return Py_REFCNT(container) < kMaybeShared || met_.insert(container).second;
+}
+
 bool pollSignals() {
     static std::uint64_t calls = 0;  // under the interpreter lock, like every caller
     return ++calls % 4096 != 0 || PyErr_CheckSignals() == 0;

@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <optional>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "convert/converter.h"
 
@@ -51,6 +52,9 @@ public:
     std::optional<Array> reuse(PyObject* container);
     // Records a container's conversion for reuse; `since` are the counts taken when its conversion began.
     void remember(PyObject* container, const Array& converted, Counts since);
+    // False for a container this call may have met before (a shared sub-list, a cycle), which then goes
+    // through its converter: that converts a shared container once however often it occurs.
+    bool firstMeeting(PyObject* container);
 
 private:
     bool checkValues();
@@ -62,6 +66,7 @@ private:
     };
     Counts counts_;
     std::unordered_map<PyObject*, Shared> shared_;
+    std::unordered_set<PyObject*> met_;
 };
 
 // For conversions out of the engine, which have no budget: checks for signals every few thousand calls.

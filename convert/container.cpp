@@ -16,14 +16,10 @@ using foundation::veltradata::StructArray;
 
 namespace {
 
-const char* const kIntoVeltra = " while converting a Python object to VELTRA";
 const char* const kIntoPython = " while converting a VELTRA array to Python";
 
-constexpr char kRecursiveList[] = "passing recursive list to VELTRA not supported";
-constexpr char kRecursiveDict[] = "passing recursive dict to VELTRA not supported";
 constexpr char kFieldNotStr[] = "field name of Python dict object passed to VELTRA must be a nonempty string";
 constexpr char kFieldEmpty[] = "field name passed to VELTRA is empty";
-constexpr char kDictChanged[] = "dict changed size during conversion to VELTRA";
 constexpr char kCellShape[] = "cell arrays returned from VELTRA must be 1-by-N or M-by-1";
 constexpr char kStructNotScalar[] = "only a scalar struct can be returned from VELTRA";
 

@@ -7,6 +7,12 @@
 
 namespace PythonVeltraDataArray::detail {
 
+// Shared with the argument walk (arguments.h), which takes plain containers the same way.
+inline constexpr char kIntoVeltra[] = " while converting a Python object to VELTRA";
+inline constexpr char kRecursiveList[] = "passing recursive list to VELTRA not supported";
+inline constexpr char kRecursiveDict[] = "passing recursive dict to VELTRA not supported";
+inline constexpr char kDictChanged[] = "dict changed size during conversion to VELTRA";
+
 // list -> 1-by-N CELL. A list that holds itself directly: ValueError.
 VELTRA_TO_ARRAY_CONVERTER(PyListToCell);
 

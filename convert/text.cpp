@@ -39,15 +39,6 @@ bool isRowOrColumn(const Array& a) {
     return !(dims.size() == 2 && dims[0] >= 2 && dims[1] > 1);
 }
 
-namespace {
-
-// The UTF-16 encoding of a str without its byte-order mark, as the codec's bytes object holds it.
-struct Utf16Bytes {
-    Ref bytes;
-    const char* data = nullptr;
-    std::size_t units = 0;
-};
-
 std::optional<Utf16Bytes> encodeUtf16(PyObject* obj) {
     Utf16Bytes out;
     out.bytes = Ref::steal(PyUnicode_AsUTF16String(obj));
@@ -62,8 +53,6 @@ std::optional<Utf16Bytes> encodeUtf16(PyObject* obj) {
     out.units = static_cast<std::size_t>(size / 2);  // an odd trailing byte is dropped
     return out;
 }
-
-}  // namespace
 
 std::size_t writeUtf16(const std::uint32_t* cps, std::size_t n, char16_t* out, std::size_t& units) {
     char16_t* p = out;

@@ -17,6 +17,15 @@ std::size_t writeUtf16(const std::uint32_t* cps, std::size_t n, char16_t* out, s
 // The same, appended to a string.
 std::size_t appendUtf16(const std::uint32_t* cps, std::size_t n, std::u16string& out);
 
+// The UTF-16 encoding of a str without its byte-order mark, where the codec's bytes object holds it; nothing,
+// with the codec's error pending, for text UTF-16 cannot carry (a lone surrogate).
+struct Utf16Bytes {
+    Ref bytes;
+    const char* data = nullptr;
+    std::size_t units = 0;
+};
+std::optional<Utf16Bytes> encodeUtf16(PyObject* obj);
+
 // The UTF-16 code units of a str, without the byte-order mark; nothing, with the codec's error
 // pending, for text UTF-16 cannot carry (a lone surrogate).
 std::optional<std::u16string> pyUnicodeToUtf16(PyObject* obj);

@@ -104,37 +104,12 @@ Array errorStruct(ClientArrayFactory& factory, const ErrorFields& e) {
 
 }  // namespace
 
-ParamsMessage::ParamsMessage(const Array& args, std::int32_t nargout) : args_(args), nargout_(nargout) {
-    const std::uint64_t n = args.getNumberOfElements();
-    if (n && args.getType() != ArrayType::CELL) {
-        // Reading an element of another kind as an array fails with the array library's own text.
-        (void)static_cast<Array>(args[0]);
-        throw TypeMismatchException("The call arguments must be a cell array.");
-    }
-    size_ = nargout ? wire::tagSize(kNargout) + wire::varintSize(wire::int32Bits(nargout)) : 0;
-    if (n) {
-        // At least one nested size per argument; room for them up front rather than growing one by one.
-        sizes_.reserve(args_.impl().get<std::vector<Array>>().size());
-        for (const Array& e : args_.impl().get<std::vector<Array>>())
-            size_ += wire::lenFieldSize(kRhs, vp::detail::measureArray(e, sizes_));
-    }
+ParamsMessage::ParamsMessage(const Array& args, std::int32_t nargout) {
+    tape_.addArguments(args);
+    size_ = tape_.finish(nargout);
 }
 
-void ParamsMessage::writeTo(std::uint8_t* out) const {
-    std::uint8_t* p = out;
-    if (nargout_) {
-        p = wire::writeTag(p, kNargout, wire::kVarint);
-        p = wire::writeVarint(p, wire::int32Bits(nargout_));
-    }
-    if (args_.getNumberOfElements()) {
-        std::size_t pos = 0;
-        for (const Array& e : args_.impl().get<std::vector<Array>>()) {
-            p = wire::writeLenHeader(p, kRhs, sizes_[pos]);
-            p = vp::detail::writeArray(e, sizes_, pos, p);
-        }
-    }
-    if (p != out + size_) throw std::logic_error("VELTRA_Params was written with another size than measured.");
-}
+void ParamsMessage::writeTo(std::uint8_t* out) const { tape_.writeTo(out); }
 
 std::string ParamsMessage::serialize() const {
     std::string s(size_, '\0');

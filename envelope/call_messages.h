@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "params_tape.h"
 #include "veltra_common.pb.h"
 #include "veltradata/veltradata.h"
 
@@ -15,7 +16,8 @@ namespace foundation::protobuf::common {
 using foundation::veltradata::Array;
 
 // A VELTRA_Params message for the elements of a cell array (column-major order) and nargout, sized up front
-// so that it can be written straight into a caller's buffer (one copy of every payload).
+// so that it can be written straight into a caller's buffer (one copy of every payload): a tape of one array
+// entry per argument.
 class ParamsMessage {
 public:
     // Throws when `args` holds elements and is not a cell array (an empty array of any kind gives a message
@@ -27,10 +29,8 @@ public:
     std::string serialize() const;
 
 private:
-    Array args_;
-    std::int32_t nargout_;
+    ParamsTape tape_;
     std::size_t size_ = 0;
-    std::vector<std::size_t> sizes_;  // every nested message's size, in the order writeTo needs them
 };
 
 // Reads a VELTRA_Result. Unparseable bytes end the reading and what was read before them is used, as

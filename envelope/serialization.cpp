@@ -98,9 +98,7 @@ public:
     explicit Measurer(std::vector<std::size_t>& sizes) : s_(sizes) {}
 
     std::size_t array(const Array& a, int depth) {
-        if (depth > kMaxNestingDepth)
-            throw WireFormatException("The array is nested more than " + std::to_string(kMaxNestingDepth) +
-                                      " levels deep and cannot be serialized.");
+        detail::checkNestingDepth(depth);
         const std::size_t slot = s_.size();
         s_.push_back(0);
         const ArrayImpl* impl = a.getImpl();
@@ -541,7 +539,15 @@ HandleObjectRef decodeHandle(Span msg) {
 
 namespace detail {
 
-std::size_t measureArray(const Array& a, std::vector<std::size_t>& sizes) { return Measurer(sizes).array(a, 0); }
+std::size_t measureArray(const Array& a, std::vector<std::size_t>& sizes, int depth) {
+    return Measurer(sizes).array(a, depth);
+}
+
+void checkNestingDepth(int depth) {
+    if (depth > kMaxNestingDepth)
+        throw WireFormatException("The array is nested more than " + std::to_string(kMaxNestingDepth) +
+                                  " levels deep and cannot be serialized.");
+}
 
 std::uint8_t* writeArray(const Array& a, const std::vector<std::size_t>& sizes, std::size_t& pos, std::uint8_t* out) {
     return Writer(sizes, pos).array(a, out);

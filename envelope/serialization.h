@@ -59,8 +59,11 @@ Array decodeArray(const std::uint8_t* data, std::size_t size, ArrayFactory& fact
 namespace detail {
 // For messages that hold several arrays: measureArray appends the body size of `a` and of every message
 // nested in it (pre-order) to `sizes` and returns a's size; writeArray then writes `a` from sizes[pos]
-// onwards, advancing pos. Each nested size is computed once, whatever the depth.
-std::size_t measureArray(const Array& a, std::vector<std::size_t>& sizes);
+// onwards, advancing pos. Each nested size is computed once, whatever the depth. `depth` is how deep `a`
+// itself is nested in the message (0: a top-level field).
+std::size_t measureArray(const Array& a, std::vector<std::size_t>& sizes, int depth = 0);
+// Throws the WireFormatException for a value nested `depth` levels deep when that is too deep to be read back.
+void checkNestingDepth(int depth);
 std::uint8_t* writeArray(const Array& a, const std::vector<std::size_t>& sizes, std::size_t& pos,
                          std::uint8_t* out);
 }  // namespace detail

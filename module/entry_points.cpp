@@ -4,10 +4,13 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <new>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "convert/arguments.h"
 #include "convert/budget.h"
 #include "convert/dispatch.h"
 #include "envelope/call_messages.h"
@@ -23,6 +26,7 @@
 namespace PythonVeltraDataArray::module {
 
 using detail::Array;
+using foundation::protobuf::common::ParamsTape;
 using detail::ConversionState;
 using pyutil::fail;
 using pyutil::Ref;
@@ -48,43 +52,56 @@ void releaseFreeMemory() {
     Py_END_ALLOW_THREADS
 }
 
-// Building parameters, start to end: the argument's conversion and the message. The whole argument is
-// converted as the top level (ConversionState::topLevel(), the one place that sets it): a tuple's or list's
-// elements then get their container's state, so every str argument travels as a char array; a str passed
-// alone would be a string scalar but is refused like every non-container argument, since the parameters
-// need a cell of arguments.
-PyObject* writeParams(PyObject* obj, std::int32_t nargout, std::uint64_t& values) {
-    std::optional<Array> args;
+// One tape per process, reused; a call that finds it taken (a signal handler calling in) makes its own. The
+// tape lets go of the call's arrays when the call ends; a huge call's tape is not kept, and the memory it grew
+// in is given back.
+class TapeLease {
+public:
+    TapeLease() : tape_(spare_ ? std::move(spare_) : std::make_unique<ParamsTape>()) {}
+    ~TapeLease() {
+        constexpr std::size_t kKeep = std::size_t{8} << 20;  // bytes
+        tape_->clear();
+        if (tape_->heldBytes() > kKeep) {
+            tape_.reset();
+            releaseFreeMemory();
+        } else if (!spare_) {
+            spare_ = std::move(tape_);
+        }
+    }
+    ParamsTape& operator*() { return *tape_; }
+
+private:
+    std::unique_ptr<ParamsTape> tape_;
+    static inline std::unique_ptr<ParamsTape> spare_;
+};
+
+// Building parameters, start to end: the arguments onto the tape, one walk (convert/arguments.h), then the
+// message sized and written once, straight into the bytes object that is returned. Large buffers on the tape
+// are borrowed from the arguments, which the call holds until then.
+PyObject* buildParams(PyObject* obj, std::int32_t nargout) {
+    TapeLease lease;
+    ParamsTape& tape = *lease;
+    std::uint64_t values = 0;
+    Ref bytes;
     {
         detail::CallBudget budget;  // what the conversion may still produce; see convert/budget.h
-        // The arguments are written out below while `obj` is still held: large buffers are borrowed.
-        args = detail::convertToArray(obj, ConversionState::topLevel(&budget, true));
+        std::vector<Ref> held;
+        if (!detail::putArguments(obj, tape, budget, held)) return nullptr;
         values = budget.counts().values;
+        const std::size_t size = tape.finish(nargout);
+        if (size > detail::CallBudget::kMaxMessageBytes) {
+            return fail(PyExc_ValueError, "the parameters message would be " + std::to_string(size) +
+                                              " bytes, more than the " +
+                                              std::to_string(detail::CallBudget::kMaxMessageBytes) +
+                                              " bytes (2 GiB) a message can hold");
+        }
+        std::uint8_t* out = nullptr;
+        bytes = newMessageBytes(size, out);
+        if (!bytes) return nullptr;
+        tape.writeTo(out);
     }
-    if (!args) return nullptr;
-
-    const foundation::protobuf::common::ParamsMessage message(*args, nargout);
-    const std::size_t size = message.byteSize();
-    if (size > detail::CallBudget::kMaxMessageBytes) {
-        return fail(PyExc_ValueError, "the parameters message would be " + std::to_string(size) +
-                                          " bytes, more than the " +
-                                          std::to_string(detail::CallBudget::kMaxMessageBytes) +
-                                          " bytes (2 GiB) a message can hold");
-    }
-    // Sized first, then written once straight into the bytes object that is returned.
-    std::uint8_t* out = nullptr;
-    Ref bytes = newMessageBytes(size, out);
-    if (!bytes) return nullptr;
-    message.writeTo(out);
-    return bytes.release();
-}
-
-PyObject* buildParams(PyObject* obj, std::int32_t nargout) {
-    if (const Shortcut plain = plainParams(obj, nargout); !plain.declined) return plain.value;
-    std::uint64_t values = 0;
-    PyObject* params = writeParams(obj, nargout, values);  // its arrays are gone on return
     if (values >= kManyValues) releaseFreeMemory();
-    return params;
+    return bytes.release();
 }
 
 }  // namespace
@@ -133,8 +150,9 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
         const KeywordOptions options = parseKeywords(kwargs, Direction::FromBytes);
         if (options.failed) return nullptr;
 
-        if (const Shortcut plain = plainResult(static_cast<const std::uint8_t*>(view->buf), size); !plain.declined) {
-            return plain.value;
+        if (detail::plainCaseOn()) {
+            const Shortcut plain = plainResult(static_cast<const std::uint8_t*>(view->buf), size);
+            if (!plain.declined) return plain.value;
         }
 
         // A result that cannot be read is reported on standard error only, and the function returns null

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "convert/arguments.h"
 #include "convert/module_state.h"
 #include "module/entry_points.h"
 #include "pyutil/error.h"
@@ -134,6 +135,20 @@ PyObject* serialized_str_to_py(PyObject* module, PyObject* args, PyObject* kwarg
     return PythonVeltraDataArray::module::serializedStrToPy(module, args, kwargs);
 }
 
+// _plain_case(on): for tests, turns the plain values' way in both directions on or off (every value then goes
+// through its converter); returns the setting it replaced.
+PyObject* plain_case(PyObject*, PyObject* on) {
+    const int wanted = PyObject_IsTrue(on);
+    if (wanted < 0) return nullptr;
+    const bool before = PythonVeltraDataArray::detail::plainCaseOn();
+    PythonVeltraDataArray::detail::setPlainCase(wanted != 0);
+    return PyBool_FromLong(before);
+}
+
+// Not in the method table, which holds the two functions users call.
+PyMethodDef g_plainCase = {"_plain_case", plain_case, METH_O,
+                           "For tests: turn the plain values' way on or off; returns the old setting."};
+
 PyMethodDef g_methods[] = {
     {"py_to_serialized_str", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(py_to_serialized_str)),
      METH_VARARGS | METH_KEYWORDS, "Convert tuple of Python objects to protobuf-serialized byte string."},
@@ -170,6 +185,11 @@ PyMODINIT_FUNC PyInit_py_pb(void) {
     if (!module) {
         if (!PythonVeltraDataArray::pyutil::clearOrdinary()) return nullptr;
         PyErr_SetString(PyExc_ValueError, "Unable to create module");
+        return nullptr;
+    }
+    const Ref switchFunction = Ref::steal(PyCFunction_New(&g_plainCase, nullptr));
+    if (!switchFunction || PyModule_AddObjectRef(module, g_plainCase.ml_name, switchFunction.get()) < 0) {
+        Py_DECREF(module);
         return nullptr;
     }
     return module;

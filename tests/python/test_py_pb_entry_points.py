@@ -23,7 +23,7 @@ def test_module_definition():
     assert py_pb.__doc__ == "py_pb"
     assert py_pb.py_to_serialized_str.__doc__ == "Convert tuple of Python objects to protobuf-serialized byte string."
     assert py_pb.serialized_str_to_py.__doc__ == "Convert protobuf-serialized byte string to tuple of Python objects."
-    public = sorted(n for n in dir(py_pb) if not n.startswith("__"))
+    public = sorted(n for n in dir(py_pb) if not n.startswith("_"))
     assert public == ["py_to_serialized_str", "serialized_str_to_py"]
 
 

@@ -1,0 +1,215 @@
+#include "params_tape.h"
+
+#include <cstring>
+#include <stdexcept>
+
+#include "field_numbers.h"
+#include "veltradata/impl.h"
+#include "serialization.h"
+#include "wire_format.h"
+
+namespace foundation::protobuf::common {
+
+namespace vp = foundation::veltradata::protobuf;
+namespace wire = vp::wire;
+using foundation::veltradata::ArrayType;
+using namespace vp::field;
+
+namespace {
+
+// The type field of a kind: all plain kinds are one-byte varints.
+constexpr std::size_t kTypeSize = 2;
+static_assert(static_cast<int>(ArrayType::STRUCT) < 0x80, "plain kinds are one-byte varints");
+
+// Packed dimensions [1, n].
+std::size_t rowDimsSize(std::uint64_t n) { return wire::lenFieldSize(kDims, 1 + wire::varintSize(n)); }
+std::uint8_t* writeHead(std::uint8_t* p, ArrayType t, std::uint64_t n) {
+    *p++ = static_cast<std::uint8_t>(wire::makeTag(kType, wire::kVarint));
+    *p++ = static_cast<std::uint8_t>(t);
+    p = wire::writeLenHeader(p, kDims, 1 + wire::varintSize(n));
+    *p++ = 1;
+    return wire::writeVarint(p, n);
+}
+
+}  // namespace
+
+void ParamsTape::clear() {
+    entries_.clear();
+    open_.clear();
+    units_.clear();
+    names_.clear();
+    arrays_.clear();
+    arraySizes_.clear();
+    args_ = size_ = 0;
+    nargout_ = 0;
+}
+
+const std::size_t ParamsTape::kMaxDepth = vp::kMaxNestingDepth;
+const std::size_t ParamsTape::kNumberBody = kTypeSize + rowDimsSize(1) + wire::lenFieldSize(kData, 8);
+const std::size_t ParamsTape::kLogicalBody = kTypeSize + rowDimsSize(1) + wire::lenFieldSize(kData, 1);
+
+void ParamsTape::tooDeep() const {
+    vp::detail::checkNestingDepth(static_cast<int>(open_.size()));
+    throw std::logic_error("a value nested as deep as it may be was refused");
+}
+
+std::size_t ParamsTape::heldBytes() const {
+    return entries_.capacity() * sizeof(Entry) + open_.capacity() * sizeof(Open) +
+           units_.capacity() * sizeof(char16_t) + names_.capacity() + arrays_.capacity() * sizeof(Array) +
+           arraySizes_.capacity() * sizeof(std::size_t);
+}
+
+std::size_t ParamsTape::bodySize(const Entry& e) {
+    switch (e.kind) {
+        case kDouble:
+        case kInt64: return kNumberBody;
+        case kLogical: return kLogicalBody;
+        case kChar:
+        case kCharAt: return kTypeSize + rowDimsSize(e.a) + (e.a ? wire::lenFieldSize(kData, 2 * e.a) : 0);
+        default: return static_cast<std::size_t>(e.b);
+    }
+}
+
+static_assert(kRhs < 16 && kElements < 16, "argument and element fields have one-byte tags");
+
+void ParamsTape::addArray(const Array& a) {
+    const std::size_t body = vp::detail::measureArray(a, arraySizes_, static_cast<int>(open_.size()));
+    push({arrays_.size(), body, kArray});
+    arrays_.push_back(a);
+    added(body);
+}
+
+char16_t* ParamsTape::addChar(std::size_t n) {
+    push({n, units_.size(), kChar});
+    const std::size_t at = units_.size();
+    units_.resize(at + n);
+    added(bodySize(entries_.back()));
+    return units_.data() + at;
+}
+
+void ParamsTape::addCharAt(const char16_t* units, std::size_t n) {
+    push({n, reinterpret_cast<std::uintptr_t>(units), kCharAt});
+    added(bodySize(entries_.back()));
+}
+
+void ParamsTape::addArguments(const Array& args) {
+    const std::uint64_t n = args.getNumberOfElements();
+    if (!n) return;
+    if (args.getType() != ArrayType::CELL) {
+        // Reading an element of another kind as an array fails with the array library's own text.
+        (void)static_cast<Array>(args[0]);
+        throw foundation::veltradata::TypeMismatchException("The call arguments must be a cell array.");
+    }
+    for (const Array& e : args.impl().get<std::vector<Array>>()) addArray(e);
+}
+
+void ParamsTape::beginCell(std::uint64_t n) {
+    push({n, 0, kCell});
+    open_.push_back({entries_.size() - 1, kTypeSize + rowDimsSize(n)});
+}
+
+void ParamsTape::beginStruct() {
+    push({0, 0, kStruct});
+    open_.push_back({entries_.size() - 1, kTypeSize + rowDimsSize(1)});
+}
+
+void ParamsTape::fieldName(const char* name, std::size_t n) {
+    Open& s = open_.back();
+    ++entries_[s.entry].a;
+    s.body += wire::lenFieldSize(kFieldNames, n);
+    entries_.push_back({n, names_.size(), kName});
+    names_.insert(names_.end(), name, name + n);
+}
+
+void ParamsTape::end() {
+    const Open closed = open_.back();
+    open_.pop_back();
+    entries_[closed.entry].b = closed.body;
+    added(closed.body);
+}
+
+std::size_t ParamsTape::finish(std::int32_t nargout) {
+    if (!open_.empty()) throw std::logic_error("parameters finished with a container still open");
+    nargout_ = nargout;
+    size_ = (nargout ? wire::tagSize(kNargout) + wire::varintSize(wire::int32Bits(nargout)) : 0) + args_;
+    return size_;
+}
+
+void ParamsTape::writeTo(std::uint8_t* out) const {
+    std::uint8_t* p = out;
+    if (nargout_) {
+        p = wire::writeTag(p, kNargout, wire::kVarint);
+        p = wire::writeVarint(p, wire::int32Bits(nargout_));
+    }
+    // The containers open around the entry being written: elements still to come, and where their field
+    // names start in `names` (a struct writes its names after all of its values).
+    struct Writing {
+        std::uint64_t left;
+        std::size_t names;
+        bool isStruct;
+    };
+    std::vector<Writing> open;
+    std::vector<const Entry*> names;
+    std::size_t arraySize = 0;  // where the next array's nested sizes start
+    auto finished = [&] {  // one value done: close every container it completes
+        while (!open.empty() && --open.back().left == 0) {
+            const Writing& w = open.back();
+            if (w.isStruct) {
+                for (std::size_t k = w.names; k < names.size(); ++k)
+                    p = wire::writeBytes(p, kFieldNames, names_.data() + names[k]->b, names[k]->a);
+                names.resize(w.names);
+            }
+            open.pop_back();
+        }
+    };
+    for (const Entry& e : entries_) {
+        if (e.kind == kName) {
+            names.push_back(&e);
+            continue;
+        }
+        p = wire::writeLenHeader(p, open.empty() ? kRhs : kElements, bodySize(e));
+        switch (e.kind) {
+            case kDouble:
+            case kInt64:
+            case kLogical: {
+                const ArrayType t = e.kind == kDouble ? ArrayType::DOUBLE
+                                  : e.kind == kInt64  ? ArrayType::INT64
+                                                      : ArrayType::LOGICAL;
+                p = writeHead(p, t, 1);
+                const std::size_t bytes = e.kind == kLogical ? 1 : 8;
+                p = wire::writeLenHeader(p, kData, bytes);
+                std::memcpy(p, &e.a, bytes);  // little-endian: the low bytes first
+                p += bytes;
+                finished();
+                break;
+            }
+            case kChar:
+            case kCharAt: {
+                p = writeHead(p, ArrayType::CHAR, e.a);
+                if (e.a) {
+                    const char16_t* units = e.kind == kChar ? units_.data() + e.b
+                                                            : reinterpret_cast<const char16_t*>(e.b);
+                    p = wire::writeBytes(p, kData, units, 2 * e.a);
+                }
+                finished();
+                break;
+            }
+            case kArray:
+                p = vp::detail::writeArray(arrays_[e.a], arraySizes_, arraySize, p);
+                finished();
+                break;
+            case kCell:
+            case kStruct: {
+                const bool isStruct = e.kind == kStruct;
+                p = writeHead(p, isStruct ? ArrayType::STRUCT : ArrayType::CELL, isStruct ? 1 : e.a);
+                if (e.a) open.push_back({e.a, names.size(), isStruct});
+                else finished();  // an empty one is done at once (and has no field names)
+                break;
+            }
+            case kName: break;
+        }
+    }
+    if (p != out + size_) throw std::logic_error("VELTRA_Params was written with another size than measured.");
+}
+
+}  // namespace foundation::protobuf::common
