@@ -16,7 +16,6 @@ using foundation::veltradata::StructArray;
 
 namespace {
 
-const char* const kIntoPython = " while converting a VELTRA array to Python";
 
 constexpr char kFieldNotStr[] = "field name of Python dict object passed to VELTRA must be a nonempty string";
 constexpr char kFieldEmpty[] = "field name passed to VELTRA is empty";

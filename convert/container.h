@@ -7,8 +7,9 @@
 
 namespace PythonVeltraDataArray::detail {
 
-// Shared with the argument walk (arguments.h), which takes plain containers the same way.
+// Shared with the argument walk (arguments.h) and the result reader, which take plain containers the same way.
 inline constexpr char kIntoVeltra[] = " while converting a Python object to VELTRA";
+inline constexpr char kIntoPython[] = " while converting a VELTRA array to Python";
 inline constexpr char kRecursiveList[] = "passing recursive list to VELTRA not supported";
 inline constexpr char kRecursiveDict[] = "passing recursive dict to VELTRA not supported";
 inline constexpr char kDictChanged[] = "dict changed size during conversion to VELTRA";

@@ -117,15 +117,9 @@ std::string ParamsMessage::serialize() const {
     return s;
 }
 
-Array readResult(const std::uint8_t* data, std::size_t size) {
-    ClientArrayFactory factory;
-    wire::SmallVector<Span, 8> lhs;  // a call mostly has a few outputs
-    bool hasError = false;
+ResultFields readResultFields(const std::uint8_t* data, std::size_t size) {
+    ResultFields out;
     ErrorFields error;
-
-    // Like ParseFromString with its success flag ignored: unparseable bytes end the reading and the fields
-    // read before them are used. An output cut short by the end of the bytes is a truncated array, though,
-    // and is refused rather than silently dropped, unless an error already makes the outputs irrelevant.
     Reader r(data, size);
     while (!r.done()) {
         int field;
@@ -136,27 +130,38 @@ Array readResult(const std::uint8_t* data, std::size_t size) {
             if (!r.varint(n)) break;
             Span s;
             if (!r.take(n, s)) {
-                if (hasError) break;
-                throw vp::WireFormatException("Malformed VELTRA_Result: output " + std::to_string(lhs.size() + 1) +
-                                              " claims " + std::to_string(n) + " bytes but only " +
+                if (out.hasError) break;
+                throw vp::WireFormatException("Malformed VELTRA_Result: output " +
+                                              std::to_string(out.outputs.size() + 1) + " claims " +
+                                              std::to_string(n) + " bytes but only " +
                                               std::to_string(r.remaining()) + " remain");
             }
-            lhs.push_back(s);
+            out.outputs.push_back({s.data, s.size});
         } else if (field == kError && wt == wire::kLen) {
             Span s;
             bool cut;
             if (!r.lenOrRest(s, cut)) break;
-            hasError = true;
+            out.hasError = true;
             if (!parseError(s, error) || cut) break;
         } else if (!r.skip(field, wt)) {
             break;
         }
     }
+    if (out.hasError) {
+        ClientArrayFactory factory;
+        out.error = errorStruct(factory, error);
+        out.outputs.clear();
+    }
+    return out;
+}
 
-    if (hasError) return errorStruct(factory, error);
+Array readResult(const std::uint8_t* data, std::size_t size) {
+    ResultFields fields = readResultFields(data, size);
+    if (fields.hasError) return fields.error;
+    ClientArrayFactory factory;
     std::vector<Array> outputs;
-    outputs.reserve(lhs.size());
-    for (Span s : lhs) outputs.push_back(vp::decodeArray(s.data, s.size, factory, 0));
+    outputs.reserve(fields.outputs.size());
+    for (const ResultFields::Output& o : fields.outputs) outputs.push_back(vp::decodeArray(o.data, o.size, factory, 0));
     const std::uint64_t n = outputs.size();  // read before the vector is moved from
     return factory.createCellArray({1, n}, std::move(outputs));
 }

@@ -33,10 +33,23 @@ private:
     std::size_t size_ = 0;
 };
 
-// Reads a VELTRA_Result. Unparseable bytes end the reading and what was read before them is used, as
-// protobuf's own parser leaves it; an output array that is malformed or cut short throws.
-// Returns a 1-by-N cell of outputs, or, when the message carries an error, the 1-by-1 struct with the fields
-// "message", "identifier" and "stack_as_str".
+// The fields of a VELTRA_Result, read as protobuf's own parser reads them: unparseable bytes end the reading and
+// what was read before them is used. An output cut short by the end of the bytes throws, unless an error already
+// makes the outputs irrelevant. With an error, `error` is the 1-by-1 struct with the fields "message",
+// "identifier" and "stack_as_str"; otherwise `outputs` are the bytes of each output's VELTRA_Array.
+struct ResultFields {
+    bool hasError = false;
+    Array error;
+    struct Output {
+        const std::uint8_t* data;
+        std::size_t size;
+    };
+    std::vector<Output> outputs;
+};
+ResultFields readResultFields(const std::uint8_t* data, std::size_t size);
+
+// Reads a VELTRA_Result whole: a 1-by-N cell of the outputs, or the error struct. An output array that is
+// malformed throws.
 Array readResult(const std::uint8_t* data, std::size_t size);
 inline Array readResult(const std::string& bytes) {
     return readResult(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());

@@ -234,17 +234,4 @@ bool dateTexts(const PlainArray& a, std::vector<PlainText>& out) {
     return datetimeArrayRest(r, a.count, out);
 }
 
-bool plainOutputs(const std::uint8_t* data, std::size_t size, std::vector<PlainOutput>& out) {
-    out.clear();
-    Reader r(data, size);
-    while (!r.done()) {
-        int field;
-        WireType wt;
-        Span s;
-        if (!r.tag(field, wt) || field != kLhs || wt != wire::kLen || !r.len(s)) return false;
-        out.push_back({s.data, s.size});
-    }
-    return true;
-}
-
 }  // namespace foundation::protobuf::common

@@ -63,12 +63,4 @@ struct PlainText {
 // The texts of `a`, a DateTexts array, in element order; false when it is not the engine's datetime array.
 bool dateTexts(const PlainArray& a, std::vector<PlainText>& out);
 
-// The output fields of a VELTRA_Result that holds outputs and nothing else, in the canonical layout; false
-// for anything else (an error, unknown fields, bytes cut short), which the general reader then takes.
-struct PlainOutput {
-    const std::uint8_t* data;
-    std::size_t size;
-};
-bool plainOutputs(const std::uint8_t* data, std::size_t size, std::vector<PlainOutput>& out);
-
 }  // namespace foundation::protobuf::common

@@ -15,7 +15,7 @@
 #include "convert/dispatch.h"
 #include "envelope/call_messages.h"
 #include "module/keywords.h"
-#include "module/plain_calls.h"
+#include "module/result_reader.h"
 #include "pyutil/buffer.h"
 #include "pyutil/error.h"
 #include "pyutil/exceptions.h"
@@ -150,37 +150,36 @@ PyObject* serializedStrToPy(PyObject* module, PyObject* args, PyObject* kwargs) 
         const KeywordOptions options = parseKeywords(kwargs, Direction::FromBytes);
         if (options.failed) return nullptr;
 
-        if (detail::plainCaseOn()) {
-            const Shortcut plain = plainResult(static_cast<const std::uint8_t*>(view->buf), size);
-            if (!plain.declined) return plain.value;
+        // Values are made while the bytes are read, and making some runs Python code (a signal handler, the
+        // pandas a table becomes); bytes cannot change meanwhile, any other buffer is read from a copy.
+        const auto* data = static_cast<const std::uint8_t*>(view->buf);
+        std::vector<std::uint8_t> copy;
+        if (!PyBytes_CheckExact(PyTuple_GetItem(args, 0))) {
+            copy.assign(data, data + size);
+            data = copy.data();
+            view.release();
         }
 
         // A result that cannot be read is reported on standard error only, and the function returns null
         // with no Python exception set: that is how this function has always behaved, unlike the building
         // direction, and callers rely on it.
-        // Read straight from the caller's buffer, each payload copied once into its array; no Python code
-        // runs meanwhile, and nothing read refers to the buffer, which is let go before any value is made.
-        Array result;
+        PyObject* value = nullptr;
         try {
-            result = foundation::protobuf::common::readResult(static_cast<const std::uint8_t*>(view->buf), size);
-            view.release();
+            value = readResultToPython(data, size);
         } catch (const std::bad_alloc&) {
             return PyErr_NoMemory();  // out of memory is not a malformed message
         } catch (const std::exception& e) {
+            pyutil::clearOrdinary();
             std::fprintf(stderr, "%s\n%s\n", kReadFailed, e.what());
             std::fflush(stderr);
             return nullptr;
         } catch (...) {
+            pyutil::clearOrdinary();
             std::fputs("unknown exception\n", stderr);
             std::fflush(stderr);
             return nullptr;
         }
-        // Failures while converting what was read are ordinary Python errors.
-        PyObject* value = detail::toPython(result);
-        if (size >= kLargeResult) {
-            result = Array();
-            releaseFreeMemory();
-        }
+        if (size >= kLargeResult) releaseFreeMemory();
         return value;
     } catch (...) {
         return pyutil::failFromCurrentException();
