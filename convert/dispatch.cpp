@@ -10,17 +10,16 @@
 #include "convert/bytes.h"
 #include "convert/container.h"
 #include "convert/datetime.h"
-#include "convert/dictionary.h"
 #include "convert/duration.h"
 #include "convert/error_converters.h"
 #include "convert/module_state.h"
 #include "convert/numeric.h"
 #include "convert/objects.h"
+#include "convert/registration.h"
 #include "convert/scalar.h"
 #include "convert/text.h"
 #include "pyutil/messages.h"
 #include "pyutil/type_name.h"
-#include "tables/dataframe_to_table.h"
 
 namespace PythonVeltraDataArray {
 
@@ -47,7 +46,7 @@ struct TypeRegistry {
     // The exact builtin types among the keys, found by pointer: their names are their tp_names, so this
     // only skips computing a name that would be looked up anyway.
     std::vector<std::pair<PyTypeObject*, ToArrayPtr>> builtins;
-    ToArrayPtr null, buffer, mapping, dataFrame;
+    ToArrayPtr null, buffer;
 
     template <typename C>
     void add(const std::string& name, const std::shared_ptr<ArrayFactory>& f, PyTypeObject* builtin = nullptr) {
@@ -55,7 +54,12 @@ struct TypeRegistry {
         byName.emplace(name, c);
         if (builtin) builtins.emplace_back(builtin, c);
     }
-    const ToArrayPtr& find(const std::string& name) const { return byName.at(name); }
+    // The converter for name; an empty pointer when none is registered.
+    const ToArrayPtr& find(const std::string& name) const {
+        static const ToArrayPtr kNone;
+        auto it = byName.find(name);
+        return it == byName.end() ? kNone : it->second;
+    }
 };
 
 void fillTypeRegistry(TypeRegistry& r, const std::shared_ptr<ArrayFactory>& f) {
@@ -74,14 +78,10 @@ void fillTypeRegistry(TypeRegistry& r, const std::shared_ptr<ArrayFactory>& f) {
     r.add<PyNoneToError>("NoneType", f, Py_TYPE(Py_None));
     r.add<BufferProtocolObjectToBuffer>("memoryview", f, &PyMemoryView_Type);
     r.add<NullToError>("NULL", f);
-    r.add<PyObjectToObject>("veltra.object", f);
     r.add<PyDatetimeToDatetime>("datetime.datetime", f);
     r.add<PyNumpyDatetime64ScalarToDatetime>("numpy.datetime64", f);
     r.add<PyTimedeltaToDuration>("datetime.timedelta", f);
     r.add<PyNumpyTimedelta64ToDuration>("numpy.timedelta64", f);
-    r.add<PyDictionaryToDictionary>("veltra.dictionary", f);
-    r.add<PyDataFrameToTable>("pandas.DataFrame", f);
-    r.add<PyDataFrameToTable>("pandas.core.frame.DataFrame", f);
     r.add<PyDatetimeToDatetime>("pandas.Timestamp", f);
     r.add<PyDatetimeToDatetime>("pandas._libs.tslibs.timestamps.Timestamp", f);
     r.add<PyTimedeltaToDuration>("pandas.Timedelta", f);
@@ -96,8 +96,6 @@ void fillTypeRegistry(TypeRegistry& r, const std::shared_ptr<ArrayFactory>& f) {
 
     r.null = r.find("NULL");
     r.buffer = r.find("<buffer>");
-    r.mapping = r.find("veltra.dictionary");
-    r.dataFrame = r.find("pandas.DataFrame");
 }
 
 // ArrayType -> converter; one table for one-element arrays, one for all others, indexed by the kind's
@@ -202,7 +200,8 @@ const ToArrayPtr& lookup(PyObject* obj) {
     if (PyMapping_Check(obj)) {
         const int frame = isDataFrameSubclass(obj);
         if (frame < 0) return kNone;
-        return frame ? r.dataFrame : r.mapping;
+        const ToArrayPtr& converter = r.find(frame ? "pandas.DataFrame" : "veltra.dictionary");
+        if (converter) return converter;
     }
     fail(PyExc_TypeError, detail::unsupportedTypeText(name));
     return kNone;
@@ -243,6 +242,11 @@ const std::shared_ptr<Factory>& Factory::instance() {
 }  // namespace VDAPBConverter
 
 namespace detail {
+
+void registerToArray(const std::string& typeName, ToArrayPtr converter) {
+    VDAPBConverter::Factory::instance();  // the registries exist before anything is added
+    g_types->byName.emplace(typeName, std::move(converter));
+}
 
 std::optional<Array> convertToArray(PyObject* obj, const ConversionState& state) {
     VDAPBConverter::Factory::instance();  // fills the registries on first use

@@ -1,5 +1,6 @@
 // The two dispatchers: a Python object to its converter by type name, an array to its converter by kind and
-// scalar-ness. Both registries are filled once, on first use, and only read afterwards.
+// scalar-ness. Both registries are filled once, on first use, take what module/ registers at start-up
+// (registration.h), and are only read afterwards.
 #pragma once
 
 #include <Python.h>
@@ -33,7 +34,8 @@ namespace detail {
 
 // Runs the converter registered for obj's type name: the "NULL" converter for a null object (or a type whose
 // name cannot be computed), the "<buffer>" converter for anything else the capsule reads as a buffer, the
-// dictionary converter for any other mapping. Absent with exactly one Python exception set.
+// one registered for "veltra.dictionary" for any other mapping (for a DataFrame subclass, the one for
+// "pandas.DataFrame"). Absent with exactly one Python exception set.
 std::optional<Array> convertToArray(PyObject* obj, const ConversionState& state);
 
 // Runs the converter the scalar registry (one-element arrays) or the array registry (all others) holds for

@@ -1,28 +1,54 @@
 #include "convert/objects.h"
 
 #include <string>
+#include <unordered_map>
 
 #include "convert/datetime.h"
-#include "convert/dictionary.h"
 #include "convert/duration.h"
-#include "tables/table_to_dataframe.h"
-#include "types/object.h"
+#include "convert/registration.h"
 
 namespace PythonVeltraDataArray::detail {
 
+namespace {
+
+// Filled at start-up, read afterwards; never freed, as objects may still be converted while the process ends.
+struct ObjectConverters {
+    std::unordered_map<std::string, ObjectToPython> byClass;
+    ObjectToPython other = nullptr;
+};
+
+ObjectConverters& objectConverters() {
+    static ObjectConverters* converters = new ObjectConverters;
+    return *converters;
+}
+
+PyObject* otherObjectToPython(const Array& a) {
+    const ObjectToPython other = objectConverters().other;
+    if (!other) return fail(PyExc_RuntimeError, "internal error: no converter registered for VELTRA objects");
+    return other(a);
+}
+
+}  // namespace
+
+void registerClassToPython(const std::string& className, ObjectToPython toPython) {
+    objectConverters().byClass.emplace(className, toPython);
+}
+
+void registerOtherObjectsToPython(ObjectToPython toPython) {
+    ObjectConverters& converters = objectConverters();
+    if (!converters.other) converters.other = toPython;
+}
+
 PyObject* VeltraObjectToPyObject::doConvert(const Array& a) {
-    if (a.getType() != ArrayType::VALUE_OBJECT) return types::wrapObjectArray(a);
+    if (a.getType() != ArrayType::VALUE_OBJECT) return otherObjectToPython(a);
     const std::string cls =
         foundation::veltradata::ValueObjectArray(a).getClassInfo().getClassIdentifier().getClassName();
     if (cls == "datetime") return datetimeToPython(a);
     if (cls == "duration") return durationToPython(a);
-    if (cls == "dictionary") return dictionaryToPython(a);
-    if (cls == "table" || cls == "timetable") return tableToPython(a, cls == "timetable");
-    return types::wrapObjectArray(a);
-}
-
-std::optional<Array> PyObjectToObject::doConvert(PyObject* obj, const ConversionState&) {
-    return types::objectArray(obj);
+    const ObjectConverters& converters = objectConverters();
+    const auto registered = converters.byClass.find(cls);
+    if (registered != converters.byClass.end()) return registered->second(a);
+    return otherObjectToPython(a);
 }
 
 }  // namespace PythonVeltraDataArray::detail

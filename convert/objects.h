@@ -1,18 +1,14 @@
-// Engine objects both ways: value objects routed by their class, everything Python has no type for held in a
-// veltra.object (types/object.h).
+// Engine objects to Python: value objects routed by their class, everything Python has no type for held in
+// whatever registration.h was given for it (a veltra.object).
 #pragma once
 
 #include "convert/converter.h"
 
 namespace PythonVeltraDataArray::detail {
 
-// "datetime" and "duration" value objects to their time values (datetime.h, duration.h), dictionaries to
-// veltra.dictionary, tables and timetables to pandas.DataFrame; handle object arrays and value objects of
-// other classes to a veltra.object.
+// "datetime" and "duration" value objects to their time values (datetime.h, duration.h); value objects of a
+// class registered with registerClassToPython (dictionaries, tables, timetables) by that converter; handle
+// object arrays and value objects of other classes by the one registered with registerOtherObjectsToPython.
 VELTRA_TO_PYTHON_CONVERTER(VeltraObjectToPyObject);
-
-// veltra.object -> the array it holds: the whole array, or the element it was indexed down to. IndexError
-// for an object indexed in some dimensions only.
-VELTRA_TO_ARRAY_CONVERTER(PyObjectToObject);
 
 }  // namespace PythonVeltraDataArray::detail

@@ -2,16 +2,23 @@
 #include <Python.h>
 
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 
 #include "convert/arguments.h"
+#include "convert/dispatch.h"
 #include "convert/module_state.h"
+#include "convert/registration.h"
 #include "module/entry_points.h"
 #include "pyutil/error.h"
 #include "pyutil/exceptions.h"
 #include "pyutil/ref.h"
+#include "tables/dataframe_to_table.h"
+#include "tables/table_to_dataframe.h"
 #include "types/dictionary.h"
+#include "types/engine_dictionary.h"
 #include "types/object.h"
 #include "arraypkg/veltra_capi.h"
 
@@ -127,6 +134,27 @@ void importArrayPackage() {
     PythonVeltraDataArray::detail::setPackageDoubleType(doubleType);  // kept for the life of the process
 }
 
+// The converters of the folders above convert/ go into its dispatchers once per process, whatever becomes of
+// the module (a failed import tried again, a second import). A registration that threw is tried again with
+// the next import; what it had registered stays.
+void registerConverters() {
+    static std::once_flag registered;
+    std::call_once(registered, [] {
+        using namespace PythonVeltraDataArray::detail;
+        const auto& factory = PythonVeltraDataArray::VDAPBConverter::Factory::instance()->arrayFactory();
+        // One instance per name, as for the dispatcher's own entries.
+        registerToArray("veltra.object", std::make_shared<PyObjectToObject>(factory));
+        registerToArray("veltra.dictionary", std::make_shared<PyDictionaryToDictionary>(factory));
+        registerToArray("pandas.DataFrame", std::make_shared<PyDataFrameToTable>(factory));
+        registerToArray("pandas.core.frame.DataFrame", std::make_shared<PyDataFrameToTable>(factory));
+
+        registerClassToPython("dictionary", dictionaryToPython);
+        registerClassToPython("table", [](const Array& a) { return tableToPython(a, false); });
+        registerClassToPython("timetable", [](const Array& a) { return tableToPython(a, true); });
+        registerOtherObjectsToPython(PythonVeltraDataArray::types::wrapObjectArray);
+    });
+}
+
 PyObject* py_to_serialized_str(PyObject* module, PyObject* args, PyObject* kwargs) {
     return PythonVeltraDataArray::module::pyToSerializedStr(module, args, kwargs);
 }
@@ -176,6 +204,7 @@ PyMODINIT_FUNC PyInit_py_pb(void) {
     try {
         injectTypes();         // step 1
         importArrayPackage();  // step 2
+        registerConverters();  // before anything converts
     } catch (...) {
         return PythonVeltraDataArray::pyutil::failFromCurrentException("Unable to initialize py_pb. Details: ");
     }

@@ -7,7 +7,6 @@
 
 #include "convert/budget.h"
 #include "convert/datetime.h"
-#include "convert/dictionary.h"
 #include "convert/dispatch.h"
 #include "convert/duration.h"
 #include "convert/module_state.h"
@@ -18,6 +17,7 @@
 #include "pyutil/messages.h"
 #include "tables/categorical.h"
 #include "tables/table_layout.h"
+#include "types/engine_dictionary.h"
 
 namespace PythonVeltraDataArray::detail {
 

@@ -211,3 +211,11 @@ std::optional<Array> objectArray(PyObject* obj) {
 }
 
 }  // namespace PythonVeltraDataArray::types
+
+namespace PythonVeltraDataArray::detail {
+
+std::optional<Array> PyObjectToObject::doConvert(PyObject* obj, const ConversionState&) {
+    return types::objectArray(obj);
+}
+
+}  // namespace PythonVeltraDataArray::detail

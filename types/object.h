@@ -7,6 +7,7 @@
 
 #include <optional>
 
+#include "convert/converter.h"
 #include "veltradata/veltradata.h"
 
 namespace PythonVeltraDataArray::types {
@@ -23,3 +24,10 @@ PyObject* wrapObjectArray(const foundation::veltradata::Array& a);
 std::optional<foundation::veltradata::Array> objectArray(PyObject* obj);
 
 }  // namespace PythonVeltraDataArray::types
+
+namespace PythonVeltraDataArray::detail {
+
+// veltra.object -> the array it holds: the whole array, or the element it was indexed down to (objectArray).
+VELTRA_TO_ARRAY_CONVERTER(PyObjectToObject);
+
+}  // namespace PythonVeltraDataArray::detail

@@ -1,4 +1,4 @@
-#include "convert/dictionary.h"
+#include "types/engine_dictionary.h"
 
 #include <algorithm>
 #include <cstdint>
