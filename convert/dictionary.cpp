@@ -7,6 +7,7 @@
 
 #include "convert/budget.h"
 #include "convert/dispatch.h"
+#include "convert/numeric_kinds.h"
 #include "convert/recursion_guard.h"
 #include "convert/text.h"
 #include "types/dictionary.h"
@@ -301,16 +302,10 @@ PyObject* elementToPython(const Array& a, std::uint64_t i) {
             return utf16ToPyStr(s->data(), s->size());
         }
         case ArrayType::LOGICAL: return PyBool_FromLong(a[i].castTo<bool>());
-        case ArrayType::DOUBLE:
-        case ArrayType::SINGLE: return PyFloat_FromDouble(a[i].castTo<double>());
-        case ArrayType::UINT64: return PyLong_FromUnsignedLongLong(a[i].castTo<std::uint64_t>());
-        case ArrayType::INT8:
-        case ArrayType::UINT8:
-        case ArrayType::INT16:
-        case ArrayType::UINT16:
-        case ArrayType::INT32:
-        case ArrayType::UINT32:
-        case ArrayType::INT64: return PyLong_FromLongLong(a[i].castTo<std::int64_t>());
+#define VELTRA_NUMBER_CASE(KIND, T, NAME) \
+    case ArrayType::KIND: return NumericKind<ArrayType::KIND>::toPython(a[i].castTo<T>());
+        VELTRA_NUMERIC_KINDS(VELTRA_NUMBER_CASE)
+#undef VELTRA_NUMBER_CASE
         default: return fail(PyExc_ValueError, kNotSupported);
     }
 }

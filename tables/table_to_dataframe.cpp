@@ -1,8 +1,10 @@
 #include "tables/table_to_dataframe.h"
 
+#include <array>
 #include <cmath>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "convert/budget.h"
@@ -62,27 +64,33 @@ bool isColumn(const Array& a) {
 }
 
 bool isNumericKind(ArrayType t) {
-    return t == ArrayType::LOGICAL || (t >= ArrayType::DOUBLE && t <= ArrayType::UINT64) ||
-           (t >= ArrayType::COMPLEX_DOUBLE && t <= ArrayType::COMPLEX_UINT64);
+    return t == ArrayType::LOGICAL || foundation::veltradata::isRealNumericType(t) ||
+           foundation::veltradata::isComplexType(t);
 }
 
+// numpy's name for the dtype of T, or of std::complex<T>; "" where numpy has none (complex integers).
+template <typename T>
+std::string dtypeName(bool complex) {
+    const std::string bits = std::to_string(8 * sizeof(T) * (complex ? 2 : 1));
+    if constexpr (std::is_floating_point_v<T>) return (complex ? "complex" : "float") + bits;
+    else return complex ? "" : (std::is_signed_v<T> ? "int" : "uint") + bits;
+}
+
+// The dtype of a numeric or logical column; null for kinds numpy cannot view.
 const char* dtypeOf(ArrayType t) {
-    switch (t) {
-        case ArrayType::LOGICAL: return "bool";
-        case ArrayType::DOUBLE: return "float64";
-        case ArrayType::SINGLE: return "float32";
-        case ArrayType::INT8: return "int8";
-        case ArrayType::UINT8: return "uint8";
-        case ArrayType::INT16: return "int16";
-        case ArrayType::UINT16: return "uint16";
-        case ArrayType::INT32: return "int32";
-        case ArrayType::UINT32: return "uint32";
-        case ArrayType::INT64: return "int64";
-        case ArrayType::UINT64: return "uint64";
-        case ArrayType::COMPLEX_DOUBLE: return "complex128";
-        case ArrayType::COMPLEX_SINGLE: return "complex64";
-        default: return nullptr;
-    }
+    static const auto kDtypes = [] {
+        std::array<std::string, foundation::veltradata::kMaxArrayType + 1> out;
+        out[static_cast<std::size_t>(ArrayType::LOGICAL)] = "bool";
+#define VELTRA_DTYPE(KIND, T, NAME)                                                                    \
+    out[static_cast<std::size_t>(ArrayType::KIND)] = dtypeName<T>(false);                              \
+    out[static_cast<std::size_t>(foundation::veltradata::complexTypeOf(ArrayType::KIND))] = dtypeName<T>(true);
+        VELTRA_NUMERIC_KINDS(VELTRA_DTYPE)
+#undef VELTRA_DTYPE
+        return out;
+    }();
+    const int v = static_cast<int>(t);
+    if (!foundation::veltradata::isValidArrayType(v) || kDtypes[static_cast<std::size_t>(v)].empty()) return nullptr;
+    return kDtypes[static_cast<std::size_t>(v)].c_str();
 }
 
 // A numeric or logical column -> a one-dimensional numpy array viewing the array's own storage.
