@@ -5,19 +5,23 @@
 #include "convert/datetime.h"
 #include "convert/dictionary.h"
 #include "convert/duration.h"
+#include "envelope/engine_names.h"
 #include "tables/table_to_dataframe.h"
 #include "types/object.h"
 
 namespace PythonVeltraDataArray::detail {
 
+namespace engine = foundation::veltradata::engine;
+
 PyObject* VeltraObjectToPyObject::doConvert(const Array& a) {
     if (a.getType() != ArrayType::VALUE_OBJECT) return types::wrapObjectArray(a);
     const std::string cls =
         foundation::veltradata::ValueObjectArray(a).getClassInfo().getClassIdentifier().getClassName();
-    if (cls == "datetime") return datetimeToPython(a);
-    if (cls == "duration") return durationToPython(a);
-    if (cls == "dictionary") return dictionaryToPython(a);
-    if (cls == "table" || cls == "timetable") return tableToPython(a, cls == "timetable");
+    if (cls == engine::datetime::kClass) return datetimeToPython(a);
+    if (cls == engine::duration::kClass) return durationToPython(a);
+    if (cls == engine::dictionary::kClass) return dictionaryToPython(a);
+    if (cls == engine::table::kClass || cls == engine::timetable::kClass)
+        return tableToPython(a, cls == engine::timetable::kClass);
     return types::wrapObjectArray(a);
 }
 
