@@ -1,7 +1,9 @@
 #include "arraypkg/buffer_format.h"
 
+#include <array>
 #include <climits>
 #include <cstring>
+#include <type_traits>
 
 namespace PythonVeltraDataArray::arraypkg {
 
@@ -31,37 +33,58 @@ bool swapped(Order o) {
     return false;
 }
 
-ArrayType integerKind(std::size_t size, bool isSigned) {
-    switch (size) {
-        case 1: return isSigned ? ArrayType::INT8 : ArrayType::UINT8;
-        case 2: return isSigned ? ArrayType::INT16 : ArrayType::UINT16;
-        case 4: return isSigned ? ArrayType::INT32 : ArrayType::UINT32;
-        case 8: return isSigned ? ArrayType::INT64 : ArrayType::UINT64;
-        default: return ArrayType::UNKNOWN;
+// The struct-module code of one real element of type T: b, h, i, q by size (upper case when unsigned), f, d.
+template <typename T>
+constexpr char formatCode() {
+    if constexpr (std::is_floating_point_v<T>) {
+        return sizeof(T) == sizeof(float) ? 'f' : 'd';
+    } else {
+        const char code = sizeof(T) == 1 ? 'b' : sizeof(T) == 2 ? 'h' : sizeof(T) == 4 ? 'i' : 'q';
+        return std::is_signed_v<T> ? code : static_cast<char>(code - 'a' + 'A');
     }
+}
+
+// Each real numeric kind's element code, in the standard sizes.
+struct RealFormat {
+    ArrayType kind;
+    char code;
+    std::size_t size;
+    bool integer, isSigned;
+};
+constexpr RealFormat kRealFormats[] = {
+#define VELTRA_FORMAT(KIND, T, NAME) \
+    {ArrayType::KIND, formatCode<T>(), sizeof(T), std::is_integral_v<T>, std::is_signed_v<T>},
+    VELTRA_NUMERIC_KINDS(VELTRA_FORMAT)
+#undef VELTRA_FORMAT
+};
+
+ArrayType integerKind(std::size_t size, bool isSigned) {
+    for (const RealFormat& f : kRealFormats)
+        if (f.integer && f.size == size && f.isSigned == isSigned) return f.kind;
+    return ArrayType::UNKNOWN;
 }
 
 // One real element code; UNKNOWN when it has none.
 ArrayType realCode(char c, Order order, std::size_t& size) {
     const bool native = order == Order::Native;
     switch (c) {
-        case 'b': size = 1; return ArrayType::INT8;
-        case 'B': size = 1; return ArrayType::UINT8;
-        case 'h': size = 2; return ArrayType::INT16;
-        case 'H': size = 2; return ArrayType::UINT16;
+        // C types of the platform's size in native order, of the standard size otherwise.
         case 'i': size = native ? sizeof(int) : 4; return integerKind(size, true);
         case 'I': size = native ? sizeof(unsigned) : 4; return integerKind(size, false);
         case 'l': size = native ? sizeof(long) : 4; return integerKind(size, true);
         case 'L': size = native ? sizeof(unsigned long) : 4; return integerKind(size, false);
-        case 'q': size = 8; return ArrayType::INT64;
-        case 'Q': size = 8; return ArrayType::UINT64;
         case 'n': size = sizeof(std::size_t); return native ? integerKind(size, true) : ArrayType::UNKNOWN;
         case 'N': size = sizeof(std::size_t); return native ? integerKind(size, false) : ArrayType::UNKNOWN;
-        case 'f': size = 4; return ArrayType::SINGLE;
-        case 'd': size = 8; return ArrayType::DOUBLE;
         case '?': size = 1; return ArrayType::LOGICAL;
-        default: return ArrayType::UNKNOWN;
+        default: break;
     }
+    for (const RealFormat& f : kRealFormats) {
+        if (f.code == c) {
+            size = f.size;
+            return f.kind;
+        }
+    }
+    return ArrayType::UNKNOWN;
 }
 
 const char* describe(const char* format) {
@@ -115,6 +138,34 @@ bool parseComplexInteger(const char* p, Order outer, BufferFormat& out) {
     return true;
 }
 
+// The format exportFormat gives each raw kind, by the kind's number; empty for the other kinds.
+struct ExportFormat {
+    char text[18];  // the longest: "T{b:real:b:imag:}"
+};
+constexpr ExportFormat exportFormatOf(char code, bool complex, bool integer) {
+    ExportFormat out{};
+    if (!complex) {
+        out.text[0] = code;
+    } else if (!integer) {
+        out.text[0] = 'Z';
+        out.text[1] = code;
+    } else {
+        constexpr char kPair[] = "T{?:real:?:imag:}";
+        for (std::size_t i = 0; i + 1 < sizeof kPair; ++i) out.text[i] = kPair[i] == '?' ? code : kPair[i];
+    }
+    return out;
+}
+constexpr auto kExportFormats = [] {
+    std::array<ExportFormat, foundation::veltradata::kMaxArrayType + 1> out{};
+    out[static_cast<std::size_t>(ArrayType::LOGICAL)] = exportFormatOf('?', false, false);
+    for (const RealFormat& f : kRealFormats) {
+        out[static_cast<std::size_t>(f.kind)] = exportFormatOf(f.code, false, f.integer);
+        out[static_cast<std::size_t>(foundation::veltradata::complexTypeOf(f.kind))] =
+            exportFormatOf(f.code, true, f.integer);
+    }
+    return out;
+}();
+
 }  // namespace
 
 bool parseBufferFormat(const char* format, BufferFormat& out, std::string& why) {
@@ -145,30 +196,10 @@ bool parseBufferFormat(const char* format, BufferFormat& out, std::string& why) 
 }
 
 const char* exportFormat(ArrayType type) {
-    switch (type) {
-        case ArrayType::LOGICAL: return "?";
-        case ArrayType::DOUBLE: return "d";
-        case ArrayType::SINGLE: return "f";
-        case ArrayType::INT8: return "b";
-        case ArrayType::UINT8: return "B";
-        case ArrayType::INT16: return "h";
-        case ArrayType::UINT16: return "H";
-        case ArrayType::INT32: return "i";
-        case ArrayType::UINT32: return "I";
-        case ArrayType::INT64: return "q";
-        case ArrayType::UINT64: return "Q";
-        case ArrayType::COMPLEX_DOUBLE: return "Zd";
-        case ArrayType::COMPLEX_SINGLE: return "Zf";
-        case ArrayType::COMPLEX_INT8: return "T{b:real:b:imag:}";
-        case ArrayType::COMPLEX_UINT8: return "T{B:real:B:imag:}";
-        case ArrayType::COMPLEX_INT16: return "T{h:real:h:imag:}";
-        case ArrayType::COMPLEX_UINT16: return "T{H:real:H:imag:}";
-        case ArrayType::COMPLEX_INT32: return "T{i:real:i:imag:}";
-        case ArrayType::COMPLEX_UINT32: return "T{I:real:I:imag:}";
-        case ArrayType::COMPLEX_INT64: return "T{q:real:q:imag:}";
-        case ArrayType::COMPLEX_UINT64: return "T{Q:real:Q:imag:}";
-        default: return "B";
-    }
+    const int v = static_cast<int>(type);
+    if (!foundation::veltradata::isValidArrayType(v) || kExportFormats[static_cast<std::size_t>(v)].text[0] == '\0')
+        return "B";
+    return kExportFormats[static_cast<std::size_t>(v)].text;
 }
 
 }  // namespace PythonVeltraDataArray::arraypkg

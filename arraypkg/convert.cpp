@@ -142,24 +142,11 @@ bool isNumericKind(ArrayType t) {
 }  // namespace
 
 std::string kindName(ArrayType t) {
-    std::string prefix = isComplexType(t) ? "complex " : "";
-    switch (realTypeOf(t)) {
-        case ArrayType::LOGICAL: return prefix + "logical";
-        case ArrayType::DOUBLE: return prefix + "double";
-        case ArrayType::SINGLE: return prefix + "single";
-        case ArrayType::INT8: return prefix + "int8";
-        case ArrayType::UINT8: return prefix + "uint8";
-        case ArrayType::INT16: return prefix + "int16";
-        case ArrayType::UINT16: return prefix + "uint16";
-        case ArrayType::INT32: return prefix + "int32";
-        case ArrayType::UINT32: return prefix + "uint32";
-        case ArrayType::INT64: return prefix + "int64";
-        case ArrayType::UINT64: return prefix + "uint64";
-        default: {
-            const char* n = foundation::veltradata::arrayTypeName(t);
-            return *n ? n : "type " + std::to_string(static_cast<int>(t));
-        }
-    }
+    const std::string prefix = isComplexType(t) ? "complex " : "";
+    if (realTypeOf(t) == ArrayType::LOGICAL) return prefix + "logical";
+    if (const char* name = foundation::veltradata::numericKindName(realTypeOf(t))) return prefix + name;
+    const char* n = foundation::veltradata::arrayTypeName(t);
+    return *n ? n : "type " + std::to_string(static_cast<int>(t));
 }
 
 void convertElements(const void* src, ArrayType from, void* dst, ArrayType to, std::uint64_t n) {

@@ -24,10 +24,10 @@ using foundation::veltradata::isComplexType;
 using foundation::veltradata::realTypeOf;
 
 // The numeric types in the table's order, then logical.
-#define VELTRA_KIND(KIND, T, NAME, TO_PYTHON) ArrayType::KIND,
+#define VELTRA_KIND(KIND, T, NAME) ArrayType::KIND,
 const ArrayType kTypeKinds[kTypeCount] = {VELTRA_NUMERIC_KINDS(VELTRA_KIND) ArrayType::LOGICAL};
 #undef VELTRA_KIND
-#define VELTRA_NAME(KIND, T, NAME, TO_PYTHON) NAME,
+#define VELTRA_NAME(KIND, T, NAME) NAME,
 const char* const kTypeNames[kTypeCount] = {VELTRA_NUMERIC_KINDS(VELTRA_NAME) "logical"};
 #undef VELTRA_NAME
 
@@ -731,12 +731,8 @@ PyObject* scalarToPython(const std::uint8_t* p, ArrayType kind) {
             return PyComplex_FromDoubles(static_cast<double>(v.real()), static_cast<double>(v.imag()));
         } else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, char16_t>) {
             return PyLong_FromLong(static_cast<long>(v));
-        } else if constexpr (std::is_floating_point_v<T>) {
-            return PyFloat_FromDouble(v);
-        } else if constexpr (std::is_signed_v<T>) {
-            return PyLong_FromLongLong(static_cast<long long>(v));
         } else {
-            return PyLong_FromUnsignedLongLong(static_cast<unsigned long long>(v));
+            return pyutil::numberToPython(v);
         }
     });
 }

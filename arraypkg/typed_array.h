@@ -14,6 +14,7 @@
 #include <Python.h>
 
 #include <cstdint>
+#include <iterator>
 #include <vector>
 
 #include "arraypkg/common.h"
@@ -22,7 +23,7 @@
 
 namespace PythonVeltraDataArray::arraypkg {
 
-constexpr int kTypeCount = 11;
+constexpr int kTypeCount = static_cast<int>(std::size(foundation::veltradata::kNumericKinds)) + 1;  // and logical
 
 // The real kind behind each package type, in the order the types are created.
 extern const ArrayType kTypeKinds[kTypeCount];

@@ -7,6 +7,7 @@
 #include "convert/numpy_time.h"
 #include "convert/py_helpers.h"
 #include "convert/text.h"
+#include "envelope/engine_names.h"
 #include "pyutil/type_name.h"
 
 namespace PythonVeltraDataArray::detail {
@@ -17,15 +18,17 @@ using foundation::veltradata::VeltraClassIdentifier;
 using foundation::veltradata::VeltraPropertyIdentifier;
 using foundation::veltradata::ValueObjectArray;
 using foundation::veltradata::VeltraString;
+namespace engine = foundation::veltradata::engine;
 
 // The identifiers of both forms, made once.
 struct DatetimeIds {
-    VeltraClassIdentifier cls{"datetime"};
-    VeltraPropertyIdentifier timeZone{"TimeZone"}, dateString{"DateString"};
+    VeltraClassIdentifier cls{engine::datetime::kClass};
+    VeltraPropertyIdentifier timeZone{engine::datetime::kTimeZone}, dateString{engine::datetime::kDateString};
     std::vector<VeltraPropertyIdentifier> zoneList{timeZone};
     std::vector<VeltraPropertyIdentifier> fieldList{
-        VeltraPropertyIdentifier("Year"),   VeltraPropertyIdentifier("Month"),  VeltraPropertyIdentifier("Day"),
-        VeltraPropertyIdentifier("Hour"),   VeltraPropertyIdentifier("Minute"), VeltraPropertyIdentifier("Second")};
+        VeltraPropertyIdentifier(engine::datetime::kYear),   VeltraPropertyIdentifier(engine::datetime::kMonth),
+        VeltraPropertyIdentifier(engine::datetime::kDay),    VeltraPropertyIdentifier(engine::datetime::kHour),
+        VeltraPropertyIdentifier(engine::datetime::kMinute), VeltraPropertyIdentifier(engine::datetime::kSecond)};
     std::vector<VeltraPropertyIdentifier> textList{dateString};
 };
 const DatetimeIds& ids() {

@@ -12,6 +12,7 @@
 #include "convert/numpy_time.h"
 #include "convert/scalar.h"
 #include "convert/text.h"
+#include "envelope/engine_names.h"
 
 namespace PythonVeltraDataArray::detail {
 
@@ -23,14 +24,17 @@ using foundation::veltradata::VeltraString;
 
 constexpr char kNaTScalar[] = "conversion of VELTRA datetime scalar 'NaT' to Python not supported";
 
-// The properties read in this direction, made once. TimeStamp and LowOrderTimeStamp are the engine's own
-// encoding; the calendar fields and DateString are what is read.
+namespace engine = foundation::veltradata::engine;
+
+// The properties read in this direction, made once: the calendar fields, the zone and DateString (the engine's
+// own time stamps beside them are not read).
 struct ReadIds {
-    VeltraPropertyIdentifier timeStamp{"TimeStamp"}, lowOrderTimeStamp{"LowOrderTimeStamp"};
-    VeltraPropertyIdentifier fields[5] = {VeltraPropertyIdentifier("Year"), VeltraPropertyIdentifier("Month"),
-                                          VeltraPropertyIdentifier("Day"), VeltraPropertyIdentifier("Hour"),
-                                          VeltraPropertyIdentifier("Minute")};
-    VeltraPropertyIdentifier second{"Second"}, timeZone{"TimeZone"}, dateString{"DateString"};
+    VeltraPropertyIdentifier fields[5] = {
+        VeltraPropertyIdentifier(engine::datetime::kYear), VeltraPropertyIdentifier(engine::datetime::kMonth),
+        VeltraPropertyIdentifier(engine::datetime::kDay), VeltraPropertyIdentifier(engine::datetime::kHour),
+        VeltraPropertyIdentifier(engine::datetime::kMinute)};
+    VeltraPropertyIdentifier second{engine::datetime::kSecond}, timeZone{engine::datetime::kTimeZone},
+        dateString{engine::datetime::kDateString};
 };
 const ReadIds& ids() {
     static const ReadIds kIds;
@@ -399,7 +403,7 @@ PyObject* fieldFormScalar(const ValueObject& v, const TimeZoneDescription& zone)
         if (!parts[k]) return nullptr;
     }
     if (v.hasProperty(id.second)) {
-        if (!checkField(v[id.second], "Second")) return nullptr;
+        if (!checkField(v[id.second], engine::datetime::kSecond)) return nullptr;
         Ref pair = Ref::steal(helpers().seconds.convert(v[id.second]));
         if (!pair) return nullptr;
         parts[5] = Ref::borrow(PyTuple_GetItem(pair.get(), 0));

@@ -86,7 +86,7 @@ void fillTypeRegistry(TypeRegistry& r, const std::shared_ptr<ArrayFactory>& f) {
     r.add<PyDatetimeToDatetime>("pandas._libs.tslibs.timestamps.Timestamp", f);
     r.add<PyTimedeltaToDuration>("pandas.Timedelta", f);
     r.add<PyTimedeltaToDuration>("pandas._libs.tslibs.timedeltas.Timedelta", f);
-#define VELTRA_ADD_PACKAGE_TYPE(KIND, T, NAME, TO_PYTHON) \
+#define VELTRA_ADD_PACKAGE_TYPE(KIND, T, NAME) \
     r.add<VCPyTypedToTyped<ArrayType::KIND>>(std::string("veltra.") + NAME, f);
     VELTRA_NUMERIC_KINDS(VELTRA_ADD_PACKAGE_TYPE)
 #undef VELTRA_ADD_PACKAGE_TYPE
@@ -137,7 +137,7 @@ void fillKindRegistries(KindRegistries& r, const std::shared_ptr<ArrayFactory>& 
     r.add<CharToPyStr>(ArrayType::CHAR, f);
     r.addScalar<VLStringToPyStr>(ArrayType::VELTRA_STRING, f);
     r.addArray<VLStringToPyList>(ArrayType::VELTRA_STRING, f);
-#define VELTRA_ADD_NUMERIC(KIND, T, NAME, TO_PYTHON) r.addNumeric<ArrayType::KIND>(f);
+#define VELTRA_ADD_NUMERIC(KIND, T, NAME) r.addNumeric<ArrayType::KIND>(f);
     VELTRA_NUMERIC_KINDS(VELTRA_ADD_NUMERIC)
 #undef VELTRA_ADD_NUMERIC
     r.add<CellToPyList>(ArrayType::CELL, f);

@@ -9,6 +9,7 @@
 #include "convert/numpy_time.h"
 #include "convert/py_helpers.h"
 #include "convert/scalar.h"
+#include "envelope/engine_names.h"
 
 namespace PythonVeltraDataArray::detail {
 
@@ -18,10 +19,11 @@ using foundation::veltradata::ValueObject;
 using foundation::veltradata::ValueObjectArray;
 using foundation::veltradata::VeltraClassIdentifier;
 using foundation::veltradata::VeltraPropertyIdentifier;
+namespace engine = foundation::veltradata::engine;
 
 struct DurationIds {
-    VeltraClassIdentifier cls{"duration"};
-    VeltraPropertyIdentifier millis{"millis"};
+    VeltraClassIdentifier cls{engine::duration::kClass};
+    VeltraPropertyIdentifier millis{engine::duration::kMillis};
     std::vector<VeltraPropertyIdentifier> list{millis};
 };
 const DurationIds& ids() {

@@ -95,7 +95,7 @@ std::optional<Array> VCPyTypedToTyped<Kind>::doConvert(PyObject* obj, const Conv
     return charged(fromCapsule(obj, truth ? foundation::veltradata::complexTypeOf(Kind) : Kind), state.budget);
 }
 
-#define VELTRA_INSTANTIATE(KIND, T, NAME, TO_PYTHON) template class VCPyTypedToTyped<ArrayType::KIND>;
+#define VELTRA_INSTANTIATE(KIND, T, NAME) template class VCPyTypedToTyped<ArrayType::KIND>;
 VELTRA_NUMERIC_KINDS(VELTRA_INSTANTIATE)
 #undef VELTRA_INSTANTIATE
 

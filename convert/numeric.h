@@ -8,11 +8,11 @@
 namespace PythonVeltraDataArray::detail {
 
 // A package object of the numeric kind `Kind` (veltra.double, veltra.int16, ...): `_is_complex` picks the
-// real or the complex kind. Named per kind in numeric_kinds.h (VCPyDoubleToDouble, ...).
+// real or the complex kind.
 template <ArrayType Kind>
 VELTRA_TO_ARRAY_CONVERTER(VCPyTypedToTyped);
 
-#define VELTRA_DECLARE(KIND, T, NAME, TO_PYTHON) extern template class VCPyTypedToTyped<ArrayType::KIND>;
+#define VELTRA_DECLARE(KIND, T, NAME) extern template class VCPyTypedToTyped<ArrayType::KIND>;
 VELTRA_NUMERIC_KINDS(VELTRA_DECLARE)
 #undef VELTRA_DECLARE
 

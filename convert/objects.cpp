@@ -6,8 +6,11 @@
 #include "convert/datetime.h"
 #include "convert/duration.h"
 #include "convert/registration.h"
+#include "envelope/engine_names.h"
 
 namespace PythonVeltraDataArray::detail {
+
+namespace engine = foundation::veltradata::engine;
 
 namespace {
 
@@ -43,8 +46,8 @@ PyObject* VeltraObjectToPyObject::doConvert(const Array& a) {
     if (a.getType() != ArrayType::VALUE_OBJECT) return otherObjectToPython(a);
     const std::string cls =
         foundation::veltradata::ValueObjectArray(a).getClassInfo().getClassIdentifier().getClassName();
-    if (cls == "datetime") return datetimeToPython(a);
-    if (cls == "duration") return durationToPython(a);
+    if (cls == engine::datetime::kClass) return datetimeToPython(a);
+    if (cls == engine::duration::kClass) return durationToPython(a);
     const ObjectConverters& converters = objectConverters();
     const auto registered = converters.byClass.find(cls);
     if (registered != converters.byClass.end()) return registered->second(a);

@@ -72,7 +72,7 @@ PyObject* NumericToPyScalar<Kind>::doConvert(const Array& a) {
     return NumericKind<Kind>::toPython(first<T>(a, Kind));
 }
 
-#define VELTRA_INSTANTIATE(KIND, T, NAME, TO_PYTHON) template class NumericToPyScalar<ArrayType::KIND>;
+#define VELTRA_INSTANTIATE(KIND, T, NAME) template class NumericToPyScalar<ArrayType::KIND>;
 VELTRA_NUMERIC_KINDS(VELTRA_INSTANTIATE)
 #undef VELTRA_INSTANTIATE
 

@@ -20,11 +20,11 @@ VELTRA_TO_ARRAY_CONVERTER(PyBoolToLogical);
 
 // Element 0 of a real or complex array of the numeric kind `Kind` (or its complex kind): int or float for
 // the real kind, complex for the complex one (so a complex integer array gives a complex, never an int).
-// ValueError "array is empty". Named per kind in numeric_kinds.h (DoubleToPyFloat, Int8ToPyLong, ...).
+// ValueError "array is empty".
 template <ArrayType Kind>
 VELTRA_TO_PYTHON_CONVERTER(NumericToPyScalar);
 
-#define VELTRA_DECLARE(KIND, T, NAME, TO_PYTHON) extern template class NumericToPyScalar<ArrayType::KIND>;
+#define VELTRA_DECLARE(KIND, T, NAME) extern template class NumericToPyScalar<ArrayType::KIND>;
 VELTRA_NUMERIC_KINDS(VELTRA_DECLARE)
 #undef VELTRA_DECLARE
 

@@ -5,6 +5,7 @@
 #include <limits>
 #include <stdexcept>
 
+#include "engine_names.h"
 #include "field_numbers.h"
 #include "serialization.h"
 #include "veltradata/veltradata.h"
@@ -93,7 +94,7 @@ bool stringScalar(Span body, PlainText& out) {
 // The objects of an engine datetime array from `r` on: each exactly one property, DateString, holding a
 // 1-by-1 string. Their texts go to `out`.
 bool dateStringObjects(Reader& r, std::uint64_t n, std::vector<PlainText>& out) {
-    static constexpr char kDateString[] = "DateString";
+    constexpr auto& kDateString = foundation::veltradata::engine::datetime::kDateString;
     for (std::uint64_t i = 0; i < n; ++i) {
         Span object, property, name, value;
         if (!lenField(r, kObjects, object)) return false;
@@ -113,7 +114,7 @@ bool dateStringObjects(Reader& r, std::uint64_t n, std::vector<PlainText>& out) 
 // From the class name of a value-object array on: "datetime", declared property names (valid UTF-8), then
 // the objects of dateStringObjects.
 bool datetimeArrayRest(Reader& r, std::uint64_t n, std::vector<PlainText>& out) {
-    static constexpr char kDatetime[] = "datetime";
+    constexpr auto& kDatetime = foundation::veltradata::engine::datetime::kClass;
     Span name;
     if (!lenField(r, kClassName, name) || name.size != sizeof kDatetime - 1 ||
         std::memcmp(name.data, kDatetime, name.size) != 0)

@@ -11,6 +11,7 @@
 #include "convert/dispatch.h"
 #include "convert/module_state.h"
 #include "convert/registration.h"
+#include "envelope/engine_names.h"
 #include "module/entry_points.h"
 #include "pyutil/error.h"
 #include "pyutil/exceptions.h"
@@ -24,6 +25,7 @@
 
 namespace {
 
+namespace engine = foundation::veltradata::engine;
 using PythonVeltraDataArray::pyutil::Ref;
 
 // The Python text of an object for a message; "" when it cannot be printed.
@@ -148,9 +150,9 @@ void registerConverters() {
         registerToArray("pandas.DataFrame", std::make_shared<PyDataFrameToTable>(factory));
         registerToArray("pandas.core.frame.DataFrame", std::make_shared<PyDataFrameToTable>(factory));
 
-        registerClassToPython("dictionary", dictionaryToPython);
-        registerClassToPython("table", [](const Array& a) { return tableToPython(a, false); });
-        registerClassToPython("timetable", [](const Array& a) { return tableToPython(a, true); });
+        registerClassToPython(engine::dictionary::kClass, dictionaryToPython);
+        registerClassToPython(engine::table::kClass, [](const Array& a) { return tableToPython(a, false); });
+        registerClassToPython(engine::timetable::kClass, [](const Array& a) { return tableToPython(a, true); });
         registerOtherObjectsToPython(PythonVeltraDataArray::types::wrapObjectArray);
     });
 }

@@ -41,7 +41,7 @@ T load(const std::uint8_t* p) {
 
 PyObject* number(ArrayType t, const std::uint8_t* p) {
     switch (t) {
-#define VELTRA_NUMBER_CASE(KIND, T, NAME, TO_PYTHON) \
+#define VELTRA_NUMBER_CASE(KIND, T, NAME) \
     case ArrayType::KIND: return detail::NumericKind<ArrayType::KIND>::toPython(load<T>(p));
         VELTRA_NUMERIC_KINDS(VELTRA_NUMBER_CASE)
 #undef VELTRA_NUMBER_CASE

@@ -1,23 +1,26 @@
-// The ten real numeric kinds, listed once. Everything that goes kind by kind (the typed array types, the
-// scalar and package-object converters, both registries) is generated from this table, so a new kind is one
-// row here.
-//
-//   X(ArrayType enumerator, C++ element type, package type name, Python constructor of one element)
-//
-// The package type name is the attribute of veltramultidimarrayforpython and the name after "veltra." that
-// py_pb looks up. Complex kinds are the real kind's complexTypeOf.
+// The Python side of the real numeric kinds (veltradata/numeric_kinds.h lists them): the Python object of one
+// element is a function of its C++ type, so no kind is spelt here.
 #pragma once
 
-#include <cstdint>
+#include <Python.h>
 
-#define VELTRA_NUMERIC_KINDS(X)                                            \
-    X(DOUBLE, double, "double", PyFloat_FromDouble)                        \
-    X(SINGLE, float, "single", PyFloat_FromDouble)                         \
-    X(INT8, std::int8_t, "int8", PyLong_FromLong)                          \
-    X(UINT8, std::uint8_t, "uint8", PyLong_FromLong)                       \
-    X(INT16, std::int16_t, "int16", PyLong_FromLong)                       \
-    X(UINT16, std::uint16_t, "uint16", PyLong_FromLong)                    \
-    X(INT32, std::int32_t, "int32", PyLong_FromLong)                       \
-    X(UINT32, std::uint32_t, "uint32", PyLong_FromUnsignedLong)            \
-    X(INT64, std::int64_t, "int64", PyLong_FromLongLong)                   \
-    X(UINT64, std::uint64_t, "uint64", PyLong_FromUnsignedLongLong)
+#include <type_traits>
+
+#include "veltradata/numeric_kinds.h"
+
+namespace PythonVeltraDataArray::pyutil {
+
+// One element of a real numeric kind -> float or int; null with an error set when allocation fails.
+template <typename T>
+PyObject* numberToPython(T v) {
+    static_assert(std::is_arithmetic_v<T> && !std::is_same_v<T, bool>, "an element of a real numeric kind");
+    if constexpr (std::is_floating_point_v<T>) {
+        return PyFloat_FromDouble(static_cast<double>(v));
+    } else if constexpr (std::is_signed_v<T>) {
+        return PyLong_FromLongLong(static_cast<long long>(v));
+    } else {
+        return PyLong_FromUnsignedLongLong(static_cast<unsigned long long>(v));
+    }
+}
+
+}  // namespace PythonVeltraDataArray::pyutil

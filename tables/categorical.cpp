@@ -7,6 +7,7 @@
 
 #include "convert/budget.h"
 #include "convert/numpy_time.h"
+#include "envelope/engine_names.h"
 #include "pyutil/buffer.h"
 #include "tables/table_to_dataframe.h"
 
@@ -19,10 +20,11 @@ using foundation::veltradata::ValueObject;
 using foundation::veltradata::ValueObjectArray;
 using foundation::veltradata::VeltraClassIdentifier;
 using foundation::veltradata::VeltraPropertyIdentifier;
+namespace engine = foundation::veltradata::engine;
 
 struct CategoricalIds {
-    VeltraClassIdentifier cls{"categorical"};
-    VeltraPropertyIdentifier names{"categoryNames"}, codes{"codes"};
+    VeltraClassIdentifier cls{engine::categorical::kClass};
+    VeltraPropertyIdentifier names{engine::categorical::kCategoryNames}, codes{engine::categorical::kCodes};
 };
 const CategoricalIds& ids() {
     static const CategoricalIds kIds;

@@ -13,6 +13,7 @@
 #include "convert/py_helpers.h"
 #include "convert/text.h"
 #include "convert/text_arrays.h"
+#include "envelope/engine_names.h"
 #include "pyutil/type_name.h"
 #include "tables/arrow_strings.h"
 #include "tables/categorical.h"
@@ -26,6 +27,7 @@ using foundation::veltradata::ValueObject;
 using foundation::veltradata::ValueObjectArray;
 using foundation::veltradata::VeltraClassIdentifier;
 using foundation::veltradata::VeltraPropertyIdentifier;
+namespace engine = foundation::veltradata::engine;
 
 constexpr char kNames[] = "unable to convert pandas.DataFrame column names to VELTRA";
 
@@ -247,9 +249,9 @@ std::optional<Array> datetimeColumn(const Modules& m, ArrayFactory& f, PyObject*
 
     std::u16string zone;
     if (!zoneText(tz.get(), zone)) return failed();
-    const VeltraPropertyIdentifier timeZone("TimeZone"), dateString("DateString");
+    const VeltraPropertyIdentifier timeZone(engine::datetime::kTimeZone), dateString(engine::datetime::kDateString);
     ValueObjectArray out = f.createValueObjectScalar(
-        f.createClassInfo(VeltraClassIdentifier("datetime"), {timeZone}, {dateString}));
+        f.createClassInfo(VeltraClassIdentifier(engine::datetime::kClass), {timeZone}, {dateString}));
     out.setProperty(0, timeZone, f.createScalar(zone));
     out.setProperty(0, dateString, foundation::veltradata::valueObjects(*text)[0][dateString]);
     return Array(std::move(out));
@@ -331,7 +333,8 @@ std::optional<Array> convertColumn(const Modules& m, ArrayFactory& f, PyObject* 
 }
 
 bool isReservedName(const std::string& name) {
-    static const char* const kReserved[] = {"Properties", "RowNames", "VariableNames", "Row", "Variables", ":"};
+    static const char* const kReserved[] = {"Properties", "RowNames", "VariableNames", engine::table::kRowDimension,
+                                            engine::table::kVariablesDimension, ":"};
     for (const char* r : kReserved)
         if (name == r) return true;
     return false;

@@ -3,6 +3,8 @@
 #include <string>
 #include <utility>
 
+#include "envelope/engine_names.h"
+
 namespace PythonVeltraDataArray::detail {
 
 namespace {
@@ -13,6 +15,7 @@ using foundation::veltradata::ValueObject;
 using foundation::veltradata::ValueObjectArray;
 using foundation::veltradata::VeltraClassIdentifier;
 using foundation::veltradata::VeltraPropertyIdentifier;
+namespace engine = foundation::veltradata::engine;
 
 // Counts travel as doubles; every count we have fits a double's exact range long before it matters.
 Array count(ArrayFactory& f, std::uint64_t n) { return f.createScalar<double>(static_cast<double>(n)); }
@@ -29,8 +32,8 @@ struct Constants {
         two = f.createScalar<double>(2);
         seven = f.createScalar<double>(7);
         versionTwo = f.createScalar<std::int32_t>(2);
-        variables = f.createCharArray(std::string("Variables"));
-        row = f.createCharArray(std::string("Row"));
+        variables = f.createCharArray(std::string(engine::table::kVariablesDimension));
+        row = f.createCharArray(std::string(engine::table::kRowDimension));
         text = f.createCharArray(std::string("text"));
         duplicateId = f.createCharArray(std::string("VELTRA:table:DuplicateRowNames"));
         emptyChar = f.createCharArray(std::string());
@@ -70,26 +73,29 @@ const std::vector<std::string>& rowDimFields() {
 const std::vector<std::string>& propsFields() {
     static const std::vector<std::string> kFields{
         "useVariableNamesOriginal", "useDimensionNamesOriginal", "Description", "CustomProps", "VariableCustomProps",
-        "DimensionNames", "DimensionNamesOriginal", "VariableNamesOriginal", "UserData", "VariableDescriptions",
-        "VariableUnits", "VariableContinuity", "VersionSavedFrom", "minCompatibleVersion", "incompatibilityMsg"};
+        engine::table::kDimensionNames, "DimensionNamesOriginal", "VariableNamesOriginal", "UserData",
+        "VariableDescriptions", "VariableUnits", "VariableContinuity", "VersionSavedFrom", "minCompatibleVersion",
+        "incompatibilityMsg"};
     return kFields;
 }
 const std::vector<std::string>& customSaveFields() {
     static const std::vector<std::string> kFields{
         "CustomProps", "VariableCustomProps", "versionSavedFrom", "minCompatibleVersion", "incompatibilityMsg",
         "numDims", "useVarNamesOrig", "useVarNames2048", "useDimNamesOrig", "useDimNames2048", "dimNamesOrig",
-        "dimNames20482048", "varNamesOrig", "varNames2048", "numRows", "numVars", "varDescriptions", "varUnits",
-        "timeEvents", "varContinuity", "arrayProps", "varNames", "data", "rowTimes", "dimNames"};
+        "dimNames20482048", "varNamesOrig", "varNames2048", engine::timetable::kNumRows, "numVars", "varDescriptions",
+        "varUnits", "timeEvents", "varContinuity", "arrayProps", engine::timetable::kVarNames, engine::table::kData,
+        engine::timetable::kRowTimes, engine::timetable::kDimNames};
     return kFields;
 }
 
 struct Ids {
-    VeltraClassIdentifier table{"table"}, timetable{"timetable"};
-    VeltraPropertyIdentifier customSave{"__CustomSave"};
+    VeltraClassIdentifier table{engine::table::kClass}, timetable{engine::timetable::kClass};
+    VeltraPropertyIdentifier customSave{engine::timetable::kCustomSave};
     std::vector<VeltraPropertyIdentifier> tableProps{
-        VeltraPropertyIdentifier("data"),    VeltraPropertyIdentifier("ndims"),    VeltraPropertyIdentifier("nrows"),
-        VeltraPropertyIdentifier("nvars"),   VeltraPropertyIdentifier("rowDim"),   VeltraPropertyIdentifier("rownames"),
-        VeltraPropertyIdentifier("varnames"), VeltraPropertyIdentifier("props")};
+        VeltraPropertyIdentifier(engine::table::kData),    VeltraPropertyIdentifier(engine::table::kNdims),
+        VeltraPropertyIdentifier(engine::table::kNrows),   VeltraPropertyIdentifier(engine::table::kNvars),
+        VeltraPropertyIdentifier(engine::table::kRowDim),  VeltraPropertyIdentifier(engine::table::kRownames),
+        VeltraPropertyIdentifier(engine::table::kVarnames), VeltraPropertyIdentifier(engine::table::kProps)};
 };
 const Ids& ids() {
     static const Ids kIds;
@@ -156,28 +162,29 @@ TableParts readTableParts(const Array& table, bool timetable) {
     TableParts parts;
     if (table.getType() != ArrayType::VALUE_OBJECT || table.getNumberOfElements() != 1) return parts;
     const ValueObject& v = foundation::veltradata::valueObjects(table)[0];
-    const std::optional<Array> save = propertyOf(v, "__CustomSave");
+    const std::optional<Array> save = propertyOf(v, engine::timetable::kCustomSave);
     if (save) {
-        parts.data = fieldOf(*save, "data");
-        parts.names = fieldOf(*save, timetable ? "varNames" : "varnames");
-        if (!parts.names) parts.names = fieldOf(*save, timetable ? "varnames" : "varNames");
-        parts.rowTimes = fieldOf(*save, "rowTimes");
-        parts.dimNames = fieldOf(*save, "dimNames");
-        parts.rowNames = fieldOf(*save, "rownames");
-        parts.rows = fieldOf(*save, timetable ? "numRows" : "nrows");
+        parts.data = fieldOf(*save, engine::table::kData);
+        parts.names = fieldOf(*save, timetable ? engine::timetable::kVarNames : engine::table::kVarnames);
+        if (!parts.names)
+            parts.names = fieldOf(*save, timetable ? engine::table::kVarnames : engine::timetable::kVarNames);
+        parts.rowTimes = fieldOf(*save, engine::timetable::kRowTimes);
+        parts.dimNames = fieldOf(*save, engine::timetable::kDimNames);
+        parts.rowNames = fieldOf(*save, engine::table::kRownames);
+        parts.rows = fieldOf(*save, timetable ? engine::timetable::kNumRows : engine::table::kNrows);
         if (!parts.dimNames) {
-            const std::optional<Array> props = fieldOf(*save, "props");
-            if (props) parts.dimNames = fieldOf(*props, "DimensionNames");
+            const std::optional<Array> props = fieldOf(*save, engine::table::kProps);
+            if (props) parts.dimNames = fieldOf(*props, engine::table::kDimensionNames);
         }
         return parts;
     }
     if (timetable) return parts;
-    parts.data = propertyOf(v, "data");
-    parts.names = propertyOf(v, "varnames");
-    parts.rowNames = propertyOf(v, "rownames");
-    parts.rows = propertyOf(v, "nrows");
-    const std::optional<Array> props = propertyOf(v, "props");
-    if (props) parts.dimNames = fieldOf(*props, "DimensionNames");
+    parts.data = propertyOf(v, engine::table::kData);
+    parts.names = propertyOf(v, engine::table::kVarnames);
+    parts.rowNames = propertyOf(v, engine::table::kRownames);
+    parts.rows = propertyOf(v, engine::table::kNrows);
+    const std::optional<Array> props = propertyOf(v, engine::table::kProps);
+    if (props) parts.dimNames = fieldOf(*props, engine::table::kDimensionNames);
     return parts;
 }
 

@@ -1,8 +1,10 @@
 #include "tables/table_to_dataframe.h"
 
+#include <array>
 #include <cmath>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "convert/budget.h"
@@ -14,6 +16,7 @@
 #include "convert/py_helpers.h"
 #include "convert/recursion_guard.h"
 #include "convert/text.h"
+#include "envelope/engine_names.h"
 #include "pyutil/messages.h"
 #include "tables/categorical.h"
 #include "tables/table_layout.h"
@@ -26,6 +29,7 @@ namespace {
 using foundation::veltradata::Dims;
 using foundation::veltradata::ValueObject;
 using foundation::veltradata::ValueObjectArray;
+namespace engine = foundation::veltradata::engine;
 
 constexpr char kCustom[] =
     "custom VELTRA object conversion not supported. Extract the custom VELTRA object's properties and manually "
@@ -62,27 +66,33 @@ bool isColumn(const Array& a) {
 }
 
 bool isNumericKind(ArrayType t) {
-    return t == ArrayType::LOGICAL || (t >= ArrayType::DOUBLE && t <= ArrayType::UINT64) ||
-           (t >= ArrayType::COMPLEX_DOUBLE && t <= ArrayType::COMPLEX_UINT64);
+    return t == ArrayType::LOGICAL || foundation::veltradata::isRealNumericType(t) ||
+           foundation::veltradata::isComplexType(t);
 }
 
+// numpy's name for the dtype of T, or of std::complex<T>; "" where numpy has none (complex integers).
+template <typename T>
+std::string dtypeName(bool complex) {
+    const std::string bits = std::to_string(8 * sizeof(T) * (complex ? 2 : 1));
+    if constexpr (std::is_floating_point_v<T>) return (complex ? "complex" : "float") + bits;
+    else return complex ? "" : (std::is_signed_v<T> ? "int" : "uint") + bits;
+}
+
+// The dtype of a numeric or logical column; null for kinds numpy cannot view.
 const char* dtypeOf(ArrayType t) {
-    switch (t) {
-        case ArrayType::LOGICAL: return "bool";
-        case ArrayType::DOUBLE: return "float64";
-        case ArrayType::SINGLE: return "float32";
-        case ArrayType::INT8: return "int8";
-        case ArrayType::UINT8: return "uint8";
-        case ArrayType::INT16: return "int16";
-        case ArrayType::UINT16: return "uint16";
-        case ArrayType::INT32: return "int32";
-        case ArrayType::UINT32: return "uint32";
-        case ArrayType::INT64: return "int64";
-        case ArrayType::UINT64: return "uint64";
-        case ArrayType::COMPLEX_DOUBLE: return "complex128";
-        case ArrayType::COMPLEX_SINGLE: return "complex64";
-        default: return nullptr;
-    }
+    static const auto kDtypes = [] {
+        std::array<std::string, foundation::veltradata::kMaxArrayType + 1> out;
+        out[static_cast<std::size_t>(ArrayType::LOGICAL)] = "bool";
+#define VELTRA_DTYPE(KIND, T, NAME)                                                                    \
+    out[static_cast<std::size_t>(ArrayType::KIND)] = dtypeName<T>(false);                              \
+    out[static_cast<std::size_t>(foundation::veltradata::complexTypeOf(ArrayType::KIND))] = dtypeName<T>(true);
+        VELTRA_NUMERIC_KINDS(VELTRA_DTYPE)
+#undef VELTRA_DTYPE
+        return out;
+    }();
+    const int v = static_cast<int>(t);
+    if (!foundation::veltradata::isValidArrayType(v) || kDtypes[static_cast<std::size_t>(v)].empty()) return nullptr;
+    return kDtypes[static_cast<std::size_t>(v)].c_str();
 }
 
 // A numeric or logical column -> a one-dimensional numpy array viewing the array's own storage.
@@ -156,7 +166,7 @@ std::optional<TimeUnit> pandasDurationUnit(const Modules& m) {
 // Durations as a one-dimensional timedelta64 array in pandas' own unit (NaN as NaT), or a coarser one when a
 // value does not fit it, one row as any other number of rows.
 Ref durationColumn(const Modules& m, const Array& a) {
-    const foundation::veltradata::VeltraPropertyIdentifier millisId("millis");
+    const foundation::veltradata::VeltraPropertyIdentifier millisId(engine::duration::kMillis);
     if (a.getNumberOfElements() != 1 || !foundation::veltradata::valueObjects(a)[0].hasProperty(millisId))
         return Ref::steal(durationToPython(a));  // refuses it, saying why
     const Array& millis = foundation::veltradata::valueObjects(a)[0][millisId];
@@ -229,13 +239,13 @@ Ref variableToColumn(const Modules& m, const Array& v) {
     }
     if (t == ArrayType::VALUE_OBJECT) {
         const std::string cls = classOf(v);
-        if (cls == "table" || cls == "timetable")
+        if (cls == engine::table::kClass || cls == engine::timetable::kClass)
             return fail(PyExc_TypeError, "conversion of this nested VELTRA " + cls +
                                              " is not supported. Use 'splitvars' to flatten it");
-        if (cls == "categorical") return Ref::steal(categoricalToPython(v));
-        if (cls == "datetime") return datetimeColumn(m, v);
-        if (cls == "duration") return durationColumn(m, v);
-        if (cls == "dictionary") return dictionaryColumn(v);
+        if (cls == engine::categorical::kClass) return Ref::steal(categoricalToPython(v));
+        if (cls == engine::datetime::kClass) return datetimeColumn(m, v);
+        if (cls == engine::duration::kClass) return durationColumn(m, v);
+        if (cls == engine::dictionary::kClass) return dictionaryColumn(v);
         return fail(PyExc_TypeError, kCustom);
     }
     if (t == ArrayType::HANDLE_OBJECT_REF || t == ArrayType::ENUM) {
@@ -273,7 +283,8 @@ Ref variablesName(const TableParts& p, const std::string& cls) {
         return Ref::borrow(Py_None);
     Ref name = nameText(foundation::veltradata::cellElements(*p.dimNames)[1], "VELTRA " + cls + " dimension names");
     if (!name) return Ref();
-    if (PyUnicode_GetLength(name.get()) == 0 || PyUnicode_CompareWithASCIIString(name.get(), "Variables") == 0)
+    if (PyUnicode_GetLength(name.get()) == 0 ||
+        PyUnicode_CompareWithASCIIString(name.get(), engine::table::kVariablesDimension) == 0)
         return Ref::borrow(Py_None);
     return name;
 }
@@ -285,7 +296,8 @@ Ref rowTimesIndex(const Modules& m, const TableParts& p) {
         name = nameText(foundation::veltradata::cellElements(*p.dimNames)[0], "VELTRA timetable dimension names");
         if (!name) return Ref();
     }
-    if (!p.rowTimes || p.rowTimes->getType() != ArrayType::VALUE_OBJECT || classOf(*p.rowTimes) != "datetime")
+    if (!p.rowTimes || p.rowTimes->getType() != ArrayType::VALUE_OBJECT ||
+        classOf(*p.rowTimes) != engine::datetime::kClass)
         return fail(PyExc_TypeError, kInvalid);
     Ref times = datetimeColumn(m, *p.rowTimes);
     if (!times) {
@@ -330,7 +342,7 @@ bool namesOf(const Array& names, const std::string& what, std::vector<Ref>& out)
 PyObject* tableToPython(const Array& a, bool timetable) {
     RecursionGuard guard(" while converting a VELTRA array to Python");
     if (!guard) return nullptr;
-    const std::string cls = timetable ? "timetable" : "table";
+    const std::string cls = timetable ? engine::timetable::kClass : engine::table::kClass;
     if (a.getNumberOfElements() != 1)
         return fail(PyExc_TypeError, "conversion of VELTRA '" + cls + "' array to Python is not supported");
     const TableParts p = readTableParts(a, timetable);

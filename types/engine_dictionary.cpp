@@ -7,8 +7,10 @@
 
 #include "convert/budget.h"
 #include "convert/dispatch.h"
+#include "convert/numeric_kinds.h"
 #include "convert/recursion_guard.h"
 #include "convert/text.h"
+#include "envelope/engine_names.h"
 #include "types/dictionary.h"
 #include "types/object.h"
 
@@ -22,6 +24,7 @@ using foundation::veltradata::ValueObjectArray;
 using foundation::veltradata::VeltraClassIdentifier;
 using foundation::veltradata::VeltraPropertyIdentifier;
 using foundation::veltradata::VeltraString;
+namespace engine = foundation::veltradata::engine;
 
 constexpr char kUnconfigured[] = "Unconfigured";
 constexpr char kNotSupported[] = "conversion of this dictionary to a veltra.dictionary not supported";
@@ -36,9 +39,9 @@ constexpr char kNotADouble[] =
     "(from -2**63 to 2**63-1), or str keys";
 
 struct DictionaryIds {
-    VeltraClassIdentifier cls{"dictionary"};
-    VeltraPropertyIdentifier version{"Version"}, keyCombined{"IsKeyCombined"}, valueCombined{"IsValueCombined"},
-        value{"Value"};
+    VeltraClassIdentifier cls{engine::dictionary::kClass};
+    VeltraPropertyIdentifier version{engine::dictionary::kVersion}, keyCombined{engine::dictionary::kIsKeyCombined},
+        valueCombined{engine::dictionary::kIsValueCombined}, value{engine::dictionary::kValue};
     std::vector<VeltraPropertyIdentifier> list{version, keyCombined, valueCombined, value};
 };
 const DictionaryIds& ids() {
@@ -188,7 +191,7 @@ std::uint64_t keyCount(const Array& a) {
     const Array& payload = v[ids().value];
     if (payload.getType() != ArrayType::STRUCT || payload.getNumberOfElements() != 1) return 0;
     const Struct s = payload[0].getValue<Struct>();
-    return s.hasField("Keys") ? s["Keys"].getNumberOfElements() : 0;
+    return s.hasField(engine::dictionary::kKeys) ? s[engine::dictionary::kKeys].getNumberOfElements() : 0;
 }
 
 // Whether type is exactly one of the time scalar types (datetime.datetime, numpy.datetime64 ...), none of
@@ -301,16 +304,10 @@ PyObject* elementToPython(const Array& a, std::uint64_t i) {
             return utf16ToPyStr(s->data(), s->size());
         }
         case ArrayType::LOGICAL: return PyBool_FromLong(a[i].castTo<bool>());
-        case ArrayType::DOUBLE:
-        case ArrayType::SINGLE: return PyFloat_FromDouble(a[i].castTo<double>());
-        case ArrayType::UINT64: return PyLong_FromUnsignedLongLong(a[i].castTo<std::uint64_t>());
-        case ArrayType::INT8:
-        case ArrayType::UINT8:
-        case ArrayType::INT16:
-        case ArrayType::UINT16:
-        case ArrayType::INT32:
-        case ArrayType::UINT32:
-        case ArrayType::INT64: return PyLong_FromLongLong(a[i].castTo<std::int64_t>());
+#define VELTRA_NUMBER_CASE(KIND, T, NAME) \
+    case ArrayType::KIND: return NumericKind<ArrayType::KIND>::toPython(a[i].castTo<T>());
+        VELTRA_NUMERIC_KINDS(VELTRA_NUMBER_CASE)
+#undef VELTRA_NUMBER_CASE
         default: return fail(PyExc_ValueError, kNotSupported);
     }
 }
@@ -363,9 +360,10 @@ std::optional<Array> PyDictionaryToDictionary::doConvert(PyObject* obj, const Co
         std::optional<Array> keyArray = keysArray(factory(), keys);
         if (!keyArray) return failed();
         const auto count = static_cast<std::uint64_t>(n);
-        foundation::veltradata::StructArray s = factory().createStructArray({1, 1}, {"Keys", "Values"});
-        s[0]["Keys"] = *keyArray;
-        s[0]["Values"] = Array(factory().createCellArray({count, 1}, std::move(values)));
+        foundation::veltradata::StructArray s =
+            factory().createStructArray({1, 1}, {engine::dictionary::kKeys, engine::dictionary::kValues});
+        s[0][engine::dictionary::kKeys] = *keyArray;
+        s[0][engine::dictionary::kValues] = Array(factory().createCellArray({count, 1}, std::move(values)));
         payload = std::move(s);
     }
     ValueObjectArray out = factory().createValueObjectScalar(id.cls, id.list);
@@ -391,9 +389,10 @@ PyObject* dictionaryToPython(const Array& a) {
     bool valuesFixed = true;  // until a value that may change is met
     if (payload.getType() == ArrayType::STRUCT && payload.getNumberOfElements() == 1) {
         const Struct s = payload[0].getValue<Struct>();
-        if (!s.hasField("Keys") || !s.hasField("Values")) return fail(PyExc_ValueError, kNotSupported);
-        const Array& keys = s["Keys"];
-        const Array& values = s["Values"];
+        if (!s.hasField(engine::dictionary::kKeys) || !s.hasField(engine::dictionary::kValues))
+            return fail(PyExc_ValueError, kNotSupported);
+        const Array& keys = s[engine::dictionary::kKeys];
+        const Array& values = s[engine::dictionary::kValues];
         const std::uint64_t nk = keys.getNumberOfElements(), nv = values.getNumberOfElements();
         if (nv != nk && nv != 1) return fail(PyExc_ValueError, kShapes);
         for (std::uint64_t i = 0; i < nk; ++i) {

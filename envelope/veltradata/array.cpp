@@ -23,14 +23,27 @@ const Dims kEmptyDims{0, 0};
 // ---- ArrayType ----
 
 const char* arrayTypeName(ArrayType t) {
-    static const char* const kNames[] = {
-        "UNKNOWN", "LOGICAL", "CHAR", "VELTRA_STRING", "DOUBLE", "SINGLE", "INT8", "UINT8", "INT16", "UINT16",
-        "INT32", "UINT32", "INT64", "UINT64", "COMPLEX_DOUBLE", "COMPLEX_SINGLE", "COMPLEX_INT8", "COMPLEX_UINT8",
-        "COMPLEX_INT16", "COMPLEX_UINT16", "COMPLEX_INT32", "COMPLEX_UINT32", "COMPLEX_INT64", "COMPLEX_UINT64",
-        "CELL", "STRUCT", "CLASSIC_OBJECT", "VALUE_OBJECT", "HANDLE_OBJECT_REF", "ENUM", "SPARSE_30", "SPARSE_31",
-        "SPARSE_32"};
-    int v = static_cast<int>(t);
-    return isValidArrayType(v) ? kNames[v] : "";
+    switch (t) {
+        case ArrayType::UNKNOWN: return "UNKNOWN";
+        case ArrayType::LOGICAL: return "LOGICAL";
+        case ArrayType::CHAR: return "CHAR";
+        case ArrayType::VELTRA_STRING: return "VELTRA_STRING";
+#define VELTRA_NAME(KIND, T, NAME)       \
+    case ArrayType::KIND: return #KIND; \
+    case ArrayType::COMPLEX_##KIND: return "COMPLEX_" #KIND;
+        VELTRA_NUMERIC_KINDS(VELTRA_NAME)
+#undef VELTRA_NAME
+        case ArrayType::CELL: return "CELL";
+        case ArrayType::STRUCT: return "STRUCT";
+        case ArrayType::CLASSIC_OBJECT: return "CLASSIC_OBJECT";
+        case ArrayType::VALUE_OBJECT: return "VALUE_OBJECT";
+        case ArrayType::HANDLE_OBJECT_REF: return "HANDLE_OBJECT_REF";
+        case ArrayType::ENUM: return "ENUM";
+        case ArrayType::SPARSE_30: return "SPARSE_30";
+        case ArrayType::SPARSE_31: return "SPARSE_31";
+        case ArrayType::SPARSE_32: return "SPARSE_32";
+    }
+    return "";  // a value outside the enumeration
 }
 
 std::string arrayTypeTable() {

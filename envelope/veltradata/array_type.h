@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "numeric_kinds.h"
+
 namespace foundation::veltradata {
 
 enum class ArrayType : int {
@@ -78,19 +80,51 @@ constexpr ArrayType complexTypeOf(ArrayType t) {
     return isRealNumericType(t) ? static_cast<ArrayType>(static_cast<int>(t) + 10) : t;
 }
 
+// The real numeric kinds in the enumeration's order, and each one's C++ element type
+// (NumericElement<ArrayType::INT16>::type is std::int16_t).
+inline constexpr ArrayType kNumericKinds[] = {
+#define VELTRA_KIND(KIND, T, NAME) ArrayType::KIND,
+    VELTRA_NUMERIC_KINDS(VELTRA_KIND)
+#undef VELTRA_KIND
+};
+template <ArrayType Kind> struct NumericElement;
+#define VELTRA_NUMERIC_ELEMENT(KIND, T, NAME)                                                    \
+    template <> struct NumericElement<ArrayType::KIND> { using type = T; };                      \
+    static_assert(complexTypeOf(ArrayType::KIND) == ArrayType::COMPLEX_##KIND &&                 \
+                  realTypeOf(ArrayType::COMPLEX_##KIND) == ArrayType::KIND, "complex kind of " #KIND);
+VELTRA_NUMERIC_KINDS(VELTRA_NUMERIC_ELEMENT)
+#undef VELTRA_NUMERIC_ELEMENT
+
+namespace detail {
+constexpr bool listsRealRange() {
+    int next = static_cast<int>(ArrayType::DOUBLE);
+    for (ArrayType t : kNumericKinds)
+        if (static_cast<int>(t) != next++) return false;
+    return next == static_cast<int>(ArrayType::UINT64) + 1;
+}
+}  // namespace detail
+static_assert(detail::listsRealRange(), "VELTRA_NUMERIC_KINDS lists DOUBLE ... UINT64 in order");
+
+// The name of a real numeric kind ("double", "int8"); nullptr for every other kind.
+constexpr const char* numericKindName(ArrayType t) {
+    switch (t) {
+#define VELTRA_NAME(KIND, T, NAME) case ArrayType::KIND: return NAME;
+        VELTRA_NUMERIC_KINDS(VELTRA_NAME)
+#undef VELTRA_NAME
+        default: return nullptr;
+    }
+}
+
 // Bytes per element for raw-buffer kinds (complex kinds hold real and imaginary parts), 0 otherwise.
 constexpr std::size_t elementSize(ArrayType t) {
+    const std::size_t parts = isComplexType(t) ? 2 : 1;
     switch (realTypeOf(t)) {
-        case ArrayType::LOGICAL: case ArrayType::INT8: case ArrayType::UINT8:
-            return isComplexType(t) ? 2 : 1;
-        case ArrayType::CHAR: case ArrayType::INT16: case ArrayType::UINT16:
-            return isComplexType(t) ? 4 : 2;
-        case ArrayType::SINGLE: case ArrayType::INT32: case ArrayType::UINT32:
-            return isComplexType(t) ? 8 : 4;
-        case ArrayType::DOUBLE: case ArrayType::INT64: case ArrayType::UINT64:
-            return isComplexType(t) ? 16 : 8;
-        default:
-            return 0;
+        case ArrayType::LOGICAL: return 1;
+        case ArrayType::CHAR: return 2;
+#define VELTRA_SIZE(KIND, T, NAME) case ArrayType::KIND: return parts * sizeof(T);
+        VELTRA_NUMERIC_KINDS(VELTRA_SIZE)
+#undef VELTRA_SIZE
+        default: return 0;
     }
 }
 

@@ -23,26 +23,11 @@ decltype(auto) visitRawType(foundation::veltradata::ArrayType t, F&& f) {
     switch (t) {
         case ArrayType::LOGICAL: return f(bool{});
         case ArrayType::CHAR: return f(char16_t{});
-        case ArrayType::DOUBLE: return f(double{});
-        case ArrayType::SINGLE: return f(float{});
-        case ArrayType::INT8: return f(std::int8_t{});
-        case ArrayType::UINT8: return f(std::uint8_t{});
-        case ArrayType::INT16: return f(std::int16_t{});
-        case ArrayType::UINT16: return f(std::uint16_t{});
-        case ArrayType::INT32: return f(std::int32_t{});
-        case ArrayType::UINT32: return f(std::uint32_t{});
-        case ArrayType::INT64: return f(std::int64_t{});
-        case ArrayType::UINT64: return f(std::uint64_t{});
-        case ArrayType::COMPLEX_DOUBLE: return f(std::complex<double>{});
-        case ArrayType::COMPLEX_SINGLE: return f(std::complex<float>{});
-        case ArrayType::COMPLEX_INT8: return f(std::complex<std::int8_t>{});
-        case ArrayType::COMPLEX_UINT8: return f(std::complex<std::uint8_t>{});
-        case ArrayType::COMPLEX_INT16: return f(std::complex<std::int16_t>{});
-        case ArrayType::COMPLEX_UINT16: return f(std::complex<std::uint16_t>{});
-        case ArrayType::COMPLEX_INT32: return f(std::complex<std::int32_t>{});
-        case ArrayType::COMPLEX_UINT32: return f(std::complex<std::uint32_t>{});
-        case ArrayType::COMPLEX_INT64: return f(std::complex<std::int64_t>{});
-        case ArrayType::COMPLEX_UINT64: return f(std::complex<std::uint64_t>{});
+#define VELTRA_VISIT(KIND, T, NAME)                     \
+    case ArrayType::KIND: return f(T{});                \
+    case complexTypeOf(ArrayType::KIND): return f(std::complex<T>{});
+        VELTRA_NUMERIC_KINDS(VELTRA_VISIT)
+#undef VELTRA_VISIT
         default: throw foundation::veltradata::InvalidArrayTypeException();
     }
 }

@@ -26,17 +26,17 @@ if TYPE_CHECKING:
 
 __all__ = ["inspect", "render", "main"]
 
-KINDS = {0: "UNKNOWN", 1: "LOGICAL", 2: "CHAR", 3: "STRING", 4: "DOUBLE", 5: "SINGLE", 6: "INT8", 7: "UINT8",
-         8: "INT16", 9: "UINT16", 10: "INT32", 11: "UINT32", 12: "INT64", 13: "UINT64", 14: "COMPLEX_DOUBLE",
-         15: "COMPLEX_SINGLE", 16: "COMPLEX_INT8", 17: "COMPLEX_UINT8", 18: "COMPLEX_INT16", 19: "COMPLEX_UINT16",
-         20: "COMPLEX_INT32", 21: "COMPLEX_UINT32", 22: "COMPLEX_INT64", 23: "COMPLEX_UINT64", 24: "CELL",
-         25: "STRUCT", 26: "CLASSIC_OBJECT", 27: "VALUE_OBJECT", 28: "HANDLE_OBJECT_REF", 29: "ENUM",
-         30: "SPARSE_DOUBLE", 31: "SPARSE_LOGICAL", 32: "SPARSE_COMPLEX"}
+KINDS = {0: "UNKNOWN", 1: "LOGICAL", 2: "CHAR", 3: "STRING", 24: "CELL", 25: "STRUCT", 26: "CLASSIC_OBJECT",
+         27: "VALUE_OBJECT", 28: "HANDLE_OBJECT_REF", 29: "ENUM", 30: "SPARSE_DOUBLE", 31: "SPARSE_LOGICAL",
+         32: "SPARSE_COMPLEX"}
 # struct codes of each raw kind's element (complex kinds: of one part).
-_ELEMENT = {1: "?", 2: "H", 4: "d", 5: "f", 6: "b", 7: "B", 8: "h", 9: "H", 10: "i", 11: "I", 12: "q", 13: "Q"}
-for _k in range(14, 24):
-    _ELEMENT[_k] = _ELEMENT[_k - 10]
-_ELEMENT.update({30: "d", 31: "?", 32: "d"})
+_ELEMENT = {1: "?", 2: "H", 30: "d", 31: "?", 32: "d"}
+# The real numeric kinds, numbered from 4 on, with their element's code; each one's complex kind is 10 further on.
+_REAL = [("DOUBLE", "d"), ("SINGLE", "f"), ("INT8", "b"), ("UINT8", "B"), ("INT16", "h"), ("UINT16", "H"),
+         ("INT32", "i"), ("UINT32", "I"), ("INT64", "q"), ("UINT64", "Q")]
+for _k, (_name, _code) in enumerate(_REAL, start=4):
+    KINDS[_k], KINDS[_k + 10] = _name, "COMPLEX_" + _name
+    _ELEMENT[_k] = _ELEMENT[_k + 10] = _code
 
 _VARINT, _I64, _LEN, _I32 = 0, 1, 2, 5
 _MAX_DEPTH = 200

@@ -32,6 +32,19 @@ def test_parameters_show_as_a_tree_with_values_abbreviated():
     assert "  input 3: VALUE_OBJECT 1x1 class 'dictionary'" in text and "        [0].Keys: STRING 1x1 ['k']" in text
 
 
+def test_every_numeric_kind_reads_back_under_its_name_with_its_values():
+    # The inspector lists the kinds itself, so that it reads messages without the extensions: held to theirs here.
+    # The largest value of each integer kind tells signed from unsigned.
+    types = [getattr(veltra, name) for name in veltra.__all__ if name != "logical"]
+    values = [[1, np.iinfo(t.__name__).max if np.dtype(t.__name__).kind in "iu" else 0.5] for t in types]
+    arrays = [t(v, is_complex=c) for t, v in zip(types, values) for c in (False, True)]
+    nodes = inspect(py_pb.py_to_serialized_str(tuple(arrays)))["inputs"]
+    for a, v, node in zip(arrays, [v for v in values for _ in (0, 1)], nodes, strict=True):
+        name = type(a).__name__.upper()
+        assert node["kind"] == ("COMPLEX_" + name if a._is_complex else name)
+        assert node["values"] == ([[x, 0] for x in v] if a._is_complex else v)
+
+
 def test_results_and_engine_errors():
     assert inspect(loopback(PARAMS))["outputs"] == inspect(PARAMS)["inputs"]
     text = render(inspect(error_result("boom", "pkg:id", [("solver.src", "f", 3)])))
