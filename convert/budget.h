@@ -21,12 +21,13 @@
 #include <unordered_set>
 
 #include "convert/converter.h"
+#include "envelope/serialization.h"
 
 namespace PythonVeltraDataArray::detail {
 
 class CallBudget {
 public:
-    static constexpr std::uint64_t kMaxMessageBytes = 2147483647;  // 2 GiB - 1, protobuf's limit
+    static constexpr std::uint64_t kMaxMessageBytes = foundation::veltradata::protobuf::kMaxMessageBytes;
     static constexpr std::uint64_t kMaxValues = std::uint64_t{1} << 22;
     // Pending signals run their handlers once per this many values.
     static constexpr std::uint64_t kSignalEvery = 4096;

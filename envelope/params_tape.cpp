@@ -132,6 +132,7 @@ std::size_t ParamsTape::finish(std::int32_t nargout) {
     if (!open_.empty()) throw std::logic_error("parameters finished with a container still open");
     nargout_ = nargout;
     size_ = (nargout ? wire::tagSize(kNargout) + wire::varintSize(wire::int32Bits(nargout)) : 0) + args_;
+    vp::detail::checkMessageSize(size_, "parameters message");
     return size_;
 }
 

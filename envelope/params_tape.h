@@ -52,7 +52,8 @@ public:
     // The bytes the tape holds on to between calls.
     std::size_t heldBytes() const;
 
-    // The size of the VELTRA_Params message with these arguments (all containers closed) and nargout.
+    // The size of the VELTRA_Params message with these arguments (all containers closed) and nargout; throws
+    // when that is more than a message can hold.
     std::size_t finish(std::int32_t nargout);
     // Writes exactly finish()'s size.
     void writeTo(std::uint8_t* out) const;

@@ -543,6 +543,13 @@ std::size_t measureArray(const Array& a, std::vector<std::size_t>& sizes, int de
     return Measurer(sizes).array(a, depth);
 }
 
+void checkMessageSize(std::size_t n, const char* what) {
+    if (n > kMaxMessageBytes)
+        throw WireFormatException(std::string("the ") + what + " would be " + std::to_string(n) +
+                                  " bytes, more than the " + std::to_string(kMaxMessageBytes) +
+                                  " bytes (2 GiB) a message can hold");
+}
+
 void checkNestingDepth(int depth) {
     if (depth > kMaxNestingDepth)
         throw WireFormatException("The array is nested more than " + std::to_string(kMaxNestingDepth) +
@@ -744,9 +751,7 @@ SerializationContext::SerializationContext(ArrayFactory& factory, bool, std::sha
 std::unique_ptr<VELTRA_Array> SerializationContext::convertToProtobuf(const Array& a) {
     std::vector<std::size_t> sizes;
     const std::size_t n = detail::measureArray(a, sizes);
-    if (n > static_cast<std::size_t>(INT_MAX))
-        throw WireFormatException("The array needs " + std::to_string(n) +
-                                  " bytes, more than a protobuf message can hold (2 GiB).");
+    detail::checkMessageSize(n, "array message");
     std::string bytes(n, '\0');
     std::size_t pos = 0;
     detail::writeArray(a, sizes, pos, reinterpret_cast<std::uint8_t*>(bytes.data()));

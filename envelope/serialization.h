@@ -23,6 +23,8 @@ enum class OptimizedSparseFormat : int { None = 0, Compact = 1 };
 // Bounds on what a received message may claim before it is believed. The writer keeps to the same bound, so
 // whatever we send we can also read back.
 inline constexpr int kMaxNestingDepth = 200;
+// The most bytes a protobuf message holds (2 GiB - 1): every size checked against the limit is checked against this.
+inline constexpr std::size_t kMaxMessageBytes = 2147483647;
 
 // A message that is not a valid VELTRA_Array (or an array too deep to write). what() says what is wrong.
 class WireFormatException : public std::runtime_error {
@@ -64,6 +66,8 @@ namespace detail {
 std::size_t measureArray(const Array& a, std::vector<std::size_t>& sizes, int depth = 0);
 // Throws the WireFormatException for a value nested `depth` levels deep when that is too deep to be read back.
 void checkNestingDepth(int depth);
+// Throws the WireFormatException for a `what` (say "parameters message") of n bytes past kMaxMessageBytes.
+void checkMessageSize(std::size_t n, const char* what);
 std::uint8_t* writeArray(const Array& a, const std::vector<std::size_t>& sizes, std::size_t& pos,
                          std::uint8_t* out);
 }  // namespace detail

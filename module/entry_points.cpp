@@ -88,13 +88,7 @@ PyObject* buildParams(PyObject* obj, std::int32_t nargout) {
         std::vector<Ref> held;
         if (!detail::putArguments(obj, tape, budget, held)) return nullptr;
         values = budget.counts().values;
-        const std::size_t size = tape.finish(nargout);
-        if (size > detail::CallBudget::kMaxMessageBytes) {
-            return fail(PyExc_ValueError, "the parameters message would be " + std::to_string(size) +
-                                              " bytes, more than the " +
-                                              std::to_string(detail::CallBudget::kMaxMessageBytes) +
-                                              " bytes (2 GiB) a message can hold");
-        }
+        const std::size_t size = tape.finish(nargout);  // throws past the message limit
         std::uint8_t* out = nullptr;
         bytes = newMessageBytes(size, out);
         if (!bytes) return nullptr;
