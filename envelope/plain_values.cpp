@@ -20,24 +20,6 @@ using wire::Reader;
 using wire::Span;
 using wire::WireType;
 
-namespace {
-
-// The type field of a kind: all plain kinds are one-byte varints.
-constexpr std::size_t kTypeSize = 2;
-static_assert(static_cast<int>(ArrayType::STRUCT) < 0x80, "plain kinds are one-byte varints");
-
-// Packed dimensions [1, n].
-std::size_t rowDimsSize(std::uint64_t n) { return wire::lenFieldSize(kDims, 1 + wire::varintSize(n)); }
-std::uint8_t* writeHead(std::uint8_t* p, ArrayType t, std::uint64_t n) {
-    *p++ = static_cast<std::uint8_t>(wire::makeTag(kType, wire::kVarint));
-    *p++ = static_cast<std::uint8_t>(t);
-    p = wire::writeLenHeader(p, kDims, 1 + wire::varintSize(n));
-    *p++ = 1;
-    return wire::writeVarint(p, n);
-}
-
-}  // namespace
-
 // ---- Reading ----
 
 namespace {
