@@ -40,7 +40,7 @@ void ParamsTape::clear() {
     names_.clear();
     arrays_.clear();
     arraySizes_.clear();
-    args_ = size_ = 0;
+    size_ = 0;
     nargout_ = 0;
 }
 
@@ -54,7 +54,8 @@ void ParamsTape::tooDeep() const {
 }
 
 std::size_t ParamsTape::heldBytes() const {
-    return entries_.capacity() * sizeof(Entry) + open_.capacity() * sizeof(Open) +
+    return entries_.capacity() * sizeof(Entry) + open_.capacity() * sizeof(std::size_t) +
+           closing_.capacity() * sizeof(Closing) +
            units_.capacity() * sizeof(char16_t) + names_.capacity() + arrays_.capacity() * sizeof(Array) +
            arraySizes_.capacity() * sizeof(std::size_t);
 }
@@ -70,26 +71,20 @@ std::size_t ParamsTape::bodySize(const Entry& e) {
     }
 }
 
-static_assert(kRhs < 16 && kElements < 16, "argument and element fields have one-byte tags");
-
 void ParamsTape::addArray(const Array& a) {
-    const std::size_t body = vp::detail::measureArray(a, arraySizes_, static_cast<int>(open_.size()));
-    push({arrays_.size(), body, kArray});
+    push({arrays_.size(), 0, kArray});
     arrays_.push_back(a);
-    added(body);
 }
 
 char16_t* ParamsTape::addChar(std::size_t n) {
     push({n, units_.size(), kChar});
     const std::size_t at = units_.size();
     units_.resize(at + n);
-    added(bodySize(entries_.back()));
     return units_.data() + at;
 }
 
 void ParamsTape::addCharAt(const char16_t* units, std::size_t n) {
     push({n, reinterpret_cast<std::uintptr_t>(units), kCharAt});
-    added(bodySize(entries_.back()));
 }
 
 void ParamsTape::addArguments(const Array& args) {
@@ -105,33 +100,62 @@ void ParamsTape::addArguments(const Array& args) {
 
 void ParamsTape::beginCell(std::uint64_t n) {
     push({n, 0, kCell});
-    open_.push_back({entries_.size() - 1, kTypeSize + rowDimsSize(n)});
+    open_.push_back(entries_.size() - 1);
 }
 
 void ParamsTape::beginStruct() {
     push({0, 0, kStruct});
-    open_.push_back({entries_.size() - 1, kTypeSize + rowDimsSize(1)});
+    open_.push_back(entries_.size() - 1);
 }
 
 void ParamsTape::fieldName(const char* name, std::size_t n) {
-    Open& s = open_.back();
-    ++entries_[s.entry].a;
-    s.body += wire::lenFieldSize(kFieldNames, n);
+    ++entries_[open_.back()].a;
     entries_.push_back({n, names_.size(), kName});
     names_.insert(names_.end(), name, name + n);
 }
 
-void ParamsTape::end() {
-    const Open closed = open_.back();
-    open_.pop_back();
-    entries_[closed.entry].b = closed.body;
-    added(closed.body);
-}
+void ParamsTape::end() { open_.pop_back(); }
 
 std::size_t ParamsTape::finish(std::int32_t nargout) {
     if (!open_.empty()) throw std::logic_error("parameters finished with a container still open");
+    // Every value's field goes into its container's body (or the message); a container whose last value is in
+    // is a value of its own container in turn.
+    std::size_t args = 0;
+    closing_.clear();
+    const auto add = [&](std::size_t body) {
+        while (!closing_.empty()) {
+            Closing& c = closing_.back();
+            c.body += wire::lenFieldSize(kElements, body);
+            if (--c.left) return;
+            body = entries_[c.entry].b = c.body;
+            closing_.pop_back();
+        }
+        args += wire::lenFieldSize(kRhs, body);
+    };
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+        Entry& e = entries_[i];
+        switch (e.kind) {
+            case kName: closing_.back().body += wire::lenFieldSize(kFieldNames, e.a); break;
+            case kArray:
+                e.b = vp::detail::measureArray(arrays_[e.a], arraySizes_, static_cast<int>(closing_.size()));
+                add(e.b);
+                break;
+            case kCell:
+            case kStruct: {
+                const std::size_t head = kTypeSize + rowDimsSize(e.kind == kStruct ? 1 : e.a);
+                if (e.a) {
+                    closing_.push_back({i, e.a, head});
+                } else {
+                    e.b = head;  // an empty one is done at once (and has no field names)
+                    add(head);
+                }
+                break;
+            }
+            default: add(bodySize(e));
+        }
+    }
     nargout_ = nargout;
-    size_ = (nargout ? wire::tagSize(kNargout) + wire::varintSize(wire::int32Bits(nargout)) : 0) + args_;
+    size_ = (nargout ? wire::tagSize(kNargout) + wire::varintSize(wire::int32Bits(nargout)) : 0) + args;
     vp::detail::checkMessageSize(size_, "parameters message");
     return size_;
 }

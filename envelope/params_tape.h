@@ -61,37 +61,19 @@ public:
 private:
     enum Kind : std::uint32_t { kDouble, kInt64, kLogical, kChar, kCharAt, kArray, kCell, kStruct, kName };
     // One value (or a struct's field name). Scalars: a = the element's bits. Char: a = units, b = offset into
-    // units_ (kCharAt: the address). Array: a = index into arrays_, b = body size. Cell, struct: a = elements,
-    // b = body size once closed. Name: a = length, b = offset into names_.
+    // units_ (kCharAt: the address). Array: a = index into arrays_. Cell, struct: a = elements. Name: a = length,
+    // b = offset into names_. Arrays, cells and structs get b = body size from finish(), which sizes the whole
+    // tape at once: a call that fails on the way (a budget met deep inside) measures nothing.
     struct Entry {
         std::uint64_t a, b;
         Kind kind;
     };
-    struct Open {
-        std::size_t entry;
-        std::size_t body;  // so far: the element fields and, for a struct, the name fields
-    };
-
     // Scalars are most of what a call holds: their way onto the tape is inline.
-    void addScalar(Kind kind, std::uint64_t bits) {
-        push({bits, 0, kind});
-        added(kind == kLogical ? kLogicalBody : kNumberBody);
-    }
+    void addScalar(Kind kind, std::uint64_t bits) { push({bits, 0, kind}); }
     // A value at the current depth; throws when that is too deep.
     void push(const Entry& e) {
         if (open_.size() > kMaxDepth) tooDeep();
         entries_.push_back(e);
-    }
-    // Counts a finished value into its container (or the message).
-    void added(std::size_t body) {
-        if (open_.empty()) args_ += fieldSize(body);
-        else open_.back().body += fieldSize(body);
-    }
-    // A length-delimited field of a one-byte tag holding `body` bytes (the argument and element fields).
-    static std::size_t fieldSize(std::size_t body) {
-        std::size_t n = 2;
-        for (std::size_t v = body >> 7; v; v >>= 7) ++n;
-        return n + body;
     }
     [[noreturn]] void tooDeep() const;
     static std::size_t bodySize(const Entry& e);
@@ -100,13 +82,20 @@ private:
     static const std::size_t kNumberBody;   // a 1-by-1 double or int64
     static const std::size_t kLogicalBody;  // a 1-by-1 logical
 
+    // A container being sized by finish(): its entry, the values still to come, its body so far.
+    struct Closing {
+        std::size_t entry;
+        std::uint64_t left;
+        std::size_t body;
+    };
+
     std::vector<Entry> entries_;
-    std::vector<Open> open_;
+    std::vector<std::size_t> open_;  // the entries of the containers open around the next value
+    std::vector<Closing> closing_;
     std::vector<char16_t> units_;
     std::vector<char> names_;
     std::vector<Array> arrays_;
     std::vector<std::size_t> arraySizes_;  // the codec's nested sizes of arrays_, in order
-    std::size_t args_ = 0;  // the arguments' fields, headers included
     std::size_t size_ = 0;
     std::int32_t nargout_ = 0;
 };
