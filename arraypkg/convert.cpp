@@ -135,9 +135,6 @@ void convertLoop(const unsigned char* src, unsigned char* dst, std::uint64_t n, 
     }
 }
 
-bool isNumericKind(ArrayType t) {
-    return t == ArrayType::LOGICAL || foundation::veltradata::isRealNumericType(t) || isComplexType(t);
-}
 
 }  // namespace
 
@@ -150,7 +147,7 @@ std::string kindName(ArrayType t) {
 }
 
 void convertElements(const void* src, ArrayType from, void* dst, ArrayType to, std::uint64_t n) {
-    if (!isNumericKind(from) || !isNumericKind(to))
+    if (!foundation::veltradata::isNumericOrLogicalType(from) || !foundation::veltradata::isNumericOrLogicalType(to))
         raise(PyExc_TypeError, "cannot convert " + kindName(from) + " elements to " + kindName(to));
     foundation::veltradata::detail::visitRawType(from, [&](auto s) {
         foundation::veltradata::detail::visitRawType(to, [&](auto d) {
@@ -162,7 +159,7 @@ void convertElements(const void* src, ArrayType from, void* dst, ArrayType to, s
 
 Array convertArray(const Array& src, ArrayType to) {
     const ArrayType from = src.getType();
-    if (!isNumericKind(from) || !isNumericKind(to))
+    if (!foundation::veltradata::isNumericOrLogicalType(from) || !foundation::veltradata::isNumericOrLogicalType(to))
         raise(PyExc_TypeError, "cannot convert an array of " + kindName(from) + " to " + kindName(to));
     const auto& impl = src.impl();
     const std::uint64_t n = impl.numel;

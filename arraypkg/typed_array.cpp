@@ -11,7 +11,7 @@
 
 #include "arraypkg/buffer_format.h"
 #include "arraypkg/strided_copy.h"
-#include "pyutil/numeric_kinds.h"
+#include "pyutil/numbers.h"
 #include "veltradata/array_factory.h"
 #include "veltradata/impl.h"
 #include "veltradata/raw_visit.h"

@@ -43,7 +43,7 @@ const ReadIds& ids() {
 
 // The process-wide helper converters.
 struct Helpers {
-    Int64ToPyLong int64ToLong;
+    NumericToPyScalar<ArrayType::INT64> int64ToLong;
     DoubleToPyLong doubleToLong;
     DoubleToPySecondsAndMicroseconds seconds;
     CharToPyStr charToStr;

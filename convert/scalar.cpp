@@ -63,13 +63,13 @@ std::optional<Array> PyBoolToLogical::doConvert(PyObject* obj, const ConversionS
 
 template <ArrayType Kind>
 PyObject* NumericToPyScalar<Kind>::doConvert(const Array& a) {
-    using T = typename NumericKind<Kind>::type;
+    using T = typename foundation::veltradata::NumericElement<Kind>::type;
     if (a.isEmpty()) return fail(PyExc_ValueError, kEmpty);
     if (isComplexType(a.getType())) {
         const std::complex<T> v = first<std::complex<T>>(a, complexTypeOf(Kind));
         return PyComplex_FromDoubles(static_cast<double>(v.real()), static_cast<double>(v.imag()));
     }
-    return NumericKind<Kind>::toPython(first<T>(a, Kind));
+    return pyutil::numberToPython(first<T>(a, Kind));
 }
 
 #define VELTRA_INSTANTIATE(KIND, T, NAME) template class NumericToPyScalar<ArrayType::KIND>;

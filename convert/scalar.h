@@ -2,7 +2,7 @@
 #pragma once
 
 #include "convert/converter.h"
-#include "convert/numeric_kinds.h"
+#include "pyutil/numbers.h"
 
 namespace PythonVeltraDataArray::detail {
 

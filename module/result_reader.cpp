@@ -9,7 +9,7 @@
 #include "convert/container.h"
 #include "convert/datetime.h"
 #include "convert/dispatch.h"
-#include "convert/numeric_kinds.h"
+#include "pyutil/numbers.h"
 #include "convert/recursion_guard.h"
 #include "convert/text.h"
 #include "envelope/call_messages.h"
@@ -42,7 +42,7 @@ T load(const std::uint8_t* p) {
 PyObject* number(ArrayType t, const std::uint8_t* p) {
     switch (t) {
 #define VELTRA_NUMBER_CASE(KIND, T, NAME) \
-    case ArrayType::KIND: return detail::NumericKind<ArrayType::KIND>::toPython(load<T>(p));
+    case ArrayType::KIND: return pyutil::numberToPython(load<T>(p));
         VELTRA_NUMERIC_KINDS(VELTRA_NUMBER_CASE)
 #undef VELTRA_NUMBER_CASE
         default: return nullptr;

@@ -65,10 +65,6 @@ bool isColumn(const Array& a) {
     return d.size() == 2 && (d[1] == 1 || a.isEmpty());
 }
 
-bool isNumericKind(ArrayType t) {
-    return t == ArrayType::LOGICAL || foundation::veltradata::isRealNumericType(t) ||
-           foundation::veltradata::isComplexType(t);
-}
 
 // numpy's name for the dtype of T, or of std::complex<T>; "" where numpy has none (complex integers).
 template <typename T>
@@ -221,7 +217,7 @@ Ref stringColumn(const Modules& m, PyObject* texts) {
 Ref variableToColumn(const Modules& m, const Array& v) {
     const ArrayType t = v.getType();
     if (foundation::veltradata::isSparse(v)) return fail(PyExc_TypeError, pyutil::kSparseToPython);
-    if (isNumericKind(t) || t == ArrayType::VELTRA_STRING) {
+    if (foundation::veltradata::isNumericOrLogicalType(t) || t == ArrayType::VELTRA_STRING) {
         if (!isColumn(v)) return fail(PyExc_TypeError, "unable to flatten multidimensional array");
         if (t == ArrayType::VELTRA_STRING) {
             Ref texts = Ref::steal(convertToPython(v));  // one element comes as itself
@@ -270,7 +266,7 @@ Ref nameText(const Array& name, const std::string& what) {
 
 // Counts that travel as doubles.
 std::optional<std::uint64_t> countOf(const std::optional<Array>& a) {
-    if (!a || a->getNumberOfElements() != 1 || !isNumericKind(a->getType())) return std::nullopt;
+    if (!a || a->getNumberOfElements() != 1 || !foundation::veltradata::isNumericOrLogicalType(a->getType())) return std::nullopt;
     const double x = (*a)[0].castTo<double>();
     if (!(x >= 0 && x < 9.0e15) || x != std::floor(x)) return std::nullopt;
     return static_cast<std::uint64_t>(x);

@@ -7,7 +7,7 @@
 
 #include "convert/budget.h"
 #include "convert/dispatch.h"
-#include "convert/numeric_kinds.h"
+#include "pyutil/numbers.h"
 #include "convert/recursion_guard.h"
 #include "convert/text.h"
 #include "envelope/engine_names.h"
@@ -305,7 +305,7 @@ PyObject* elementToPython(const Array& a, std::uint64_t i) {
         }
         case ArrayType::LOGICAL: return PyBool_FromLong(a[i].castTo<bool>());
 #define VELTRA_NUMBER_CASE(KIND, T, NAME) \
-    case ArrayType::KIND: return NumericKind<ArrayType::KIND>::toPython(a[i].castTo<T>());
+    case ArrayType::KIND: return pyutil::numberToPython(a[i].castTo<T>());
         VELTRA_NUMERIC_KINDS(VELTRA_NUMBER_CASE)
 #undef VELTRA_NUMBER_CASE
         default: return fail(PyExc_ValueError, kNotSupported);

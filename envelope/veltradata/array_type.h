@@ -64,10 +64,12 @@ constexpr bool isIntegerType(ArrayType t) {
 constexpr bool isSparseType(ArrayType t) {
     return t >= ArrayType::SPARSE_30 && t <= ArrayType::SPARSE_32;
 }
-// Kinds whose elements live in one contiguous raw buffer.
-constexpr bool isRawBufferType(ArrayType t) {
-    return t == ArrayType::LOGICAL || t == ArrayType::CHAR || isRealNumericType(t) || isComplexType(t);
+// Real and complex numeric kinds and logical: the kinds a numeric typed array can hold.
+constexpr bool isNumericOrLogicalType(ArrayType t) {
+    return t == ArrayType::LOGICAL || isRealNumericType(t) || isComplexType(t);
 }
+// Kinds whose elements live in one contiguous raw buffer.
+constexpr bool isRawBufferType(ArrayType t) { return t == ArrayType::CHAR || isNumericOrLogicalType(t); }
 constexpr bool isValidArrayType(int v) {
     return v >= 0 && v <= kMaxArrayType;
 }
