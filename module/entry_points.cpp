@@ -6,14 +6,11 @@
 #include <exception>
 #include <memory>
 #include <new>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "convert/arguments.h"
 #include "convert/budget.h"
-#include "convert/dispatch.h"
-#include "envelope/call_messages.h"
 #include "module/keywords.h"
 #include "module/result_reader.h"
 #include "pyutil/buffer.h"
@@ -25,9 +22,7 @@
 
 namespace PythonVeltraDataArray::module {
 
-using detail::Array;
 using foundation::protobuf::common::ParamsTape;
-using detail::ConversionState;
 using pyutil::fail;
 using pyutil::Ref;
 

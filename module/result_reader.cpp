@@ -9,13 +9,13 @@
 #include "convert/container.h"
 #include "convert/datetime.h"
 #include "convert/dispatch.h"
-#include "pyutil/numbers.h"
 #include "convert/recursion_guard.h"
 #include "convert/text.h"
 #include "envelope/call_messages.h"
 #include "envelope/plain_values.h"
 #include "envelope/serialization.h"
 #include "pyutil/error.h"
+#include "pyutil/numbers.h"
 #include "pyutil/ref.h"
 
 namespace PythonVeltraDataArray::module {

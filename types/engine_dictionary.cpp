@@ -7,10 +7,10 @@
 
 #include "convert/budget.h"
 #include "convert/dispatch.h"
-#include "pyutil/numbers.h"
 #include "convert/recursion_guard.h"
 #include "convert/text.h"
 #include "envelope/engine_names.h"
+#include "pyutil/numbers.h"
 #include "types/dictionary.h"
 #include "types/object.h"
 
