@@ -9,7 +9,7 @@
 #include "arraypkg/common.h"
 #include "arraypkg/strided_copy.h"
 #include "veltradata/array_factory.h"
-#include "veltradata/buffer.h"
+#include "veltradata/element_block.h"
 
 namespace PythonVeltraDataArray::arraypkg {
 

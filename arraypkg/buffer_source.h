@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "arraypkg/buffer_format.h"
-#include "arraypkg/convert.h"
+#include "arraypkg/element_cast.h"
 #include "pyutil/buffer.h"
 
 namespace PythonVeltraDataArray::arraypkg {

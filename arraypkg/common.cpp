@@ -4,7 +4,7 @@
 #include <new>
 #include <stdexcept>
 
-#include "arraypkg/convert.h"
+#include "arraypkg/element_cast.h"
 #include "pyutil/exceptions.h"
 
 namespace PythonVeltraDataArray::arraypkg {

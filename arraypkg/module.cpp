@@ -2,11 +2,13 @@
 // and a few private hooks (underscore names) through which the package's tests drive the capsule.
 #include <Python.h>
 
+#include "arraypkg/buffer_format.h"
 #include "arraypkg/buffer_source.h"
 #include "arraypkg/capi.h"
 #include "arraypkg/typed_array.h"
 #include "veltradata/array_factory.h"
 #include "veltradata/impl.h"
+#include "veltradata/numeric_kinds.h"
 
 namespace PythonVeltraDataArray::arraypkg {
 
@@ -123,6 +125,30 @@ PyModuleDef kModule = {
     nullptr,
 };
 
+// The module's __all__ (the typed array types) and _numeric_kinds, the rows of the one list of numeric kinds as
+// the wire inspector reads them: (kind number, its complex kind's number, enumerator name, element format code).
+bool addNameLists(PyObject* module) {
+    Ref all = Ref::steal(PyList_New(0));
+    Ref kinds = Ref::steal(PyList_New(0));
+    if (!all || !kinds) return false;
+    for (int i = 0; i < kTypeCount; ++i) {
+        Ref name = Ref::steal(PyUnicode_FromString(kTypeNames[i]));
+        if (!name || PyList_Append(all.get(), name.get()) != 0) return false;
+    }
+    using foundation::veltradata::complexTypeOf;
+#define VELTRA_KIND_ROW(KIND, T, NAME)                                                                    \
+    {                                                                                                     \
+        Ref row = Ref::steal(Py_BuildValue("(iiss)", static_cast<int>(ArrayType::KIND),                   \
+                                           static_cast<int>(complexTypeOf(ArrayType::KIND)), #KIND,       \
+                                           exportFormat(ArrayType::KIND)));                               \
+        if (!row || PyList_Append(kinds.get(), row.get()) != 0) return false;                             \
+    }
+    VELTRA_NUMERIC_KINDS(VELTRA_KIND_ROW)
+#undef VELTRA_KIND_ROW
+    return PyModule_AddObjectRef(module, "__all__", all.get()) == 0 &&
+           PyModule_AddObjectRef(module, "_numeric_kinds", kinds.get()) == 0;
+}
+
 }  // namespace
 
 }  // namespace PythonVeltraDataArray::arraypkg
@@ -135,7 +161,7 @@ PyMODINIT_FUNC PyInit_veltramultidimarrayforpython(void) {
     for (int i = 0; i < kTypeCount; ++i) {
         if (PyModule_AddObjectRef(module.get(), kTypeNames[i], typeObject(i)) != 0) return nullptr;
     }
-    if (!createBufferHandleType(module.get())) return nullptr;
+    if (!addNameLists(module.get()) || !createBufferHandleType(module.get())) return nullptr;
     Ref capsule = Ref::steal(PyCapsule_New(const_cast<VeltraArrayCapi*>(capiTable()), VELTRA_CAPI_CAPSULE_NAME, nullptr));
     if (!capsule || PyModule_AddObjectRef(module.get(), "_capi", capsule.get()) != 0) return nullptr;
     return module.release();

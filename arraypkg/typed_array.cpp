@@ -15,7 +15,7 @@
 #include "veltradata/array_factory.h"
 #include "veltradata/impl.h"
 #include "veltradata/raw_visit.h"
-#include "veltradata/typed_array.h"
+#include "veltradata/typed_view.h"
 
 namespace PythonVeltraDataArray::arraypkg {
 

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "arraypkg/common.h"
-#include "arraypkg/convert.h"
+#include "arraypkg/element_cast.h"
 #include "veltradata/array.h"
 
 namespace PythonVeltraDataArray::arraypkg {

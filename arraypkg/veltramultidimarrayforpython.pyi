@@ -10,6 +10,10 @@ _Number: TypeAlias = SupportsIndex | SupportsFloat | SupportsComplex
 _Initializer: TypeAlias = _Number | Buffer | Sequence[Any] | _TypedArray
 _Key: TypeAlias = SupportsIndex | slice | tuple[SupportsIndex | slice, ...]
 
+__all__ = ["double", "single", "int8", "uint8", "int16", "uint16", "int32", "uint32", "int64", "uint64", "logical"]
+# (kind number, its complex kind's number, enumerator name, element format code) of each real numeric kind.
+_numeric_kinds: list[tuple[int, int, str, str]]
+
 class _TypedArray:
     # What the eleven types share. There is no such base class at run time: the types are independent.
     __hash__: ClassVar[None]  # type: ignore[assignment]

@@ -52,7 +52,7 @@ struct Helpers {
         : int64ToLong(f), doubleToLong(f), seconds(f), charToStr(f), stringToStr(f) {}
 };
 Helpers& helpers() {
-    static Helpers kHelpers(VDAPBConverter::Factory::instance()->arrayFactory());
+    static Helpers kHelpers(sharedArrayFactory());
     return kHelpers;
 }
 

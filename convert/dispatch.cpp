@@ -226,37 +226,31 @@ const ToPythonPtr& lookup(const Array& a) {
 
 }  // namespace
 
-namespace VDAPBConverter {
+namespace detail {
 
-Factory::Factory() : arrayFactory_(std::make_shared<foundation::veltradata::ClientArrayFactory>()) {}
-
-const std::shared_ptr<Factory>& Factory::instance() {
-    static const std::shared_ptr<Factory> factory = [] {
-        auto f = std::make_shared<Factory>();
-        ensureRegistries(f->arrayFactory());
+const std::shared_ptr<ArrayFactory>& sharedArrayFactory() {
+    static const std::shared_ptr<ArrayFactory> factory = [] {
+        std::shared_ptr<ArrayFactory> f = std::make_shared<foundation::veltradata::ClientArrayFactory>();
+        ensureRegistries(f);
         return f;
     }();
     return factory;
 }
 
-}  // namespace VDAPBConverter
-
-namespace detail {
-
 void registerToArray(const std::string& typeName, ToArrayPtr converter) {
-    VDAPBConverter::Factory::instance();  // the registries exist before anything is added
+    sharedArrayFactory();  // the registries exist before anything is added
     g_types->byName.emplace(typeName, std::move(converter));
 }
 
 std::optional<Array> convertToArray(PyObject* obj, const ConversionState& state) {
-    VDAPBConverter::Factory::instance();  // fills the registries on first use
+    sharedArrayFactory();  // fills the registries on first use
     const ToArrayPtr& converter = lookup(obj);
     if (!converter) return std::nullopt;
     return converter->convert(obj, state);
 }
 
 PyObject* convertToPython(const Array& a) {
-    VDAPBConverter::Factory::instance();  // fills the registries on first use
+    sharedArrayFactory();  // fills the registries on first use
     const ToPythonPtr& converter = lookup(a);
     if (!converter) return nullptr;
     return converter->convert(a);

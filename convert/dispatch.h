@@ -12,25 +12,10 @@
 
 namespace PythonVeltraDataArray {
 
-namespace VDAPBConverter {
-
-// The process-wide factory through which the module and the container converters ask for converters. It owns
-// the standalone array factory that every registered converter shares.
-class Factory {
-public:
-    static const std::shared_ptr<Factory>& instance();
-
-    const std::shared_ptr<detail::ArrayFactory>& arrayFactory() const { return arrayFactory_; }
-
-    Factory();
-
-private:
-    std::shared_ptr<detail::ArrayFactory> arrayFactory_;
-};
-
-}  // namespace VDAPBConverter
-
 namespace detail {
+
+// The array factory every registered converter shares, made with the registries on first use.
+const std::shared_ptr<ArrayFactory>& sharedArrayFactory();
 
 // Runs the converter registered for obj's type name: the "NULL" converter for a null object (or a type whose
 // name cannot be computed), the "<buffer>" converter for anything else the capsule reads as a buffer, the

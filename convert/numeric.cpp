@@ -36,7 +36,7 @@ private:
 // The datetime64 ("M") and timedelta64 ("m") kinds go to the time converters, never to the capsule (numpy
 // exports no buffer for them).
 std::optional<Array> convertNumpyTimeKind(char kind, PyObject* obj, const ConversionState& state) {
-    static const std::shared_ptr<ArrayFactory> factory = VDAPBConverter::Factory::instance()->arrayFactory();
+    static const std::shared_ptr<ArrayFactory> factory = sharedArrayFactory();
     static PyNumpyDatetime64ArrayToDatetime datetimes(factory);
     static PyNumpyTimedelta64ToDuration durations(factory);
     return kind == 'M' ? datetimes.convert(obj, state) : durations.convert(obj, state);

@@ -16,7 +16,9 @@ namespace {
 
 // Filled at start-up, read afterwards; never freed, as objects may still be converted while the process ends.
 struct ObjectConverters {
-    std::unordered_map<std::string, ObjectToPython> byClass;
+    // The engine's time classes are convert/'s own; the rest come from module/ at start-up.
+    std::unordered_map<std::string, ObjectToPython> byClass{{engine::datetime::kClass, datetimeToPython},
+                                                            {engine::duration::kClass, durationToPython}};
     ObjectToPython other = nullptr;
 };
 
@@ -46,8 +48,6 @@ PyObject* VeltraObjectToPyObject::doConvert(const Array& a) {
     if (a.getType() != ArrayType::VALUE_OBJECT) return otherObjectToPython(a);
     const std::string cls =
         foundation::veltradata::ValueObjectArray(a).getClassInfo().getClassIdentifier().getClassName();
-    if (cls == engine::datetime::kClass) return datetimeToPython(a);
-    if (cls == engine::duration::kClass) return durationToPython(a);
     const ObjectConverters& converters = objectConverters();
     const auto registered = converters.byClass.find(cls);
     if (registered != converters.byClass.end()) return registered->second(a);

@@ -18,7 +18,7 @@
 #include "pyutil/exceptions.h"
 #include "pyutil/messages.h"
 #include "pyutil/ref.h"
-#include "veltradata/buffer.h"
+#include "veltradata/element_block.h"
 
 namespace PythonVeltraDataArray::module {
 

@@ -143,7 +143,7 @@ void registerConverters() {
     static std::once_flag registered;
     std::call_once(registered, [] {
         using namespace PythonVeltraDataArray::detail;
-        const auto& factory = PythonVeltraDataArray::VDAPBConverter::Factory::instance()->arrayFactory();
+        const auto& factory = sharedArrayFactory();
         // One instance per name, as for the dispatcher's own entries.
         registerToArray("veltra.object", std::make_shared<PyObjectToObject>(factory));
         registerToArray("veltra.dictionary", std::make_shared<PyDictionaryToDictionary>(factory));

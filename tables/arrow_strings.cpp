@@ -7,7 +7,7 @@
 
 #include "convert/budget.h"
 #include "pyutil/buffer.h"
-#include "veltradata/text.h"
+#include "veltradata/utf16.h"
 
 namespace PythonVeltraDataArray::detail {
 

@@ -177,7 +177,7 @@ Ref dictionaryColumn(const Array& a) {
     Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(n)));
     if (!list) return Ref();
     ValueObjectArray all(a);
-    ArrayFactory& f = *VDAPBConverter::Factory::instance()->arrayFactory();
+    ArrayFactory& f = *sharedArrayFactory();
     for (std::uint64_t i = 0; i < n; ++i) {
         PyObject* d;
         if (n == 1) {

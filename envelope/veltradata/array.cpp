@@ -7,8 +7,8 @@
 #include "array_factory.h"
 #include "impl.h"
 #include "raw_visit.h"
-#include "text.h"
-#include "typed_array.h"
+#include "utf16.h"
+#include "typed_view.h"
 
 namespace foundation::veltradata {
 

@@ -6,7 +6,7 @@
 #include <unordered_set>
 
 #include "impl.h"
-#include "text.h"
+#include "utf16.h"
 
 namespace foundation::veltradata {
 

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "array.h"
-#include "buffer.h"
-#include "typed_array.h"
+#include "element_block.h"
+#include "typed_view.h"
 
 namespace foundation::veltradata {
 

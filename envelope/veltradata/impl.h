@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "array.h"
-#include "buffer.h"
+#include "element_block.h"
 
 namespace foundation::veltradata::detail {
 

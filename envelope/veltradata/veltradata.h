@@ -6,4 +6,4 @@
 #include "array_type.h"
 #include "errors.h"
 #include "identifiers.h"
-#include "typed_array.h"
+#include "typed_view.h"

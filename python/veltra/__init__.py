@@ -7,34 +7,11 @@ added by ``import py_pb``.
 
 from typing import TYPE_CHECKING
 
-from veltramultidimarrayforpython import (
-    double,
-    int8,
-    int16,
-    int32,
-    int64,
-    logical,
-    single,
-    uint8,
-    uint16,
-    uint32,
-    uint64,
-)
+import veltramultidimarrayforpython as _arrays
+from veltramultidimarrayforpython import *  # noqa: F403  (the typed array types)
 
 if TYPE_CHECKING:
     # Declared for type checkers only: at run time py_pb's start-up adds them to this package.
     from veltra._types import dictionary as dictionary, object as object
 
-__all__ = [
-    "double",
-    "single",
-    "int8",
-    "uint8",
-    "int16",
-    "uint16",
-    "int32",
-    "uint32",
-    "int64",
-    "uint64",
-    "logical",
-]
+__all__ = list(_arrays.__all__)

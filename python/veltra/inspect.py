@@ -19,6 +19,8 @@ import sys
 from collections.abc import Iterator, Sequence
 from typing import TYPE_CHECKING, Any
 
+from veltramultidimarrayforpython import _numeric_kinds
+
 if TYPE_CHECKING:
     from typing_extensions import Buffer
 
@@ -31,18 +33,15 @@ KINDS = {0: "UNKNOWN", 1: "LOGICAL", 2: "CHAR", 3: "STRING", 24: "CELL", 25: "ST
          32: "SPARSE_COMPLEX"}
 # struct codes of each raw kind's element (complex kinds: of one part).
 _ELEMENT = {1: "?", 2: "H", 30: "d", 31: "?", 32: "d"}
-# The real numeric kinds, numbered from 4 on, with their element's code; each one's complex kind is 10 further on.
-_REAL = [("DOUBLE", "d"), ("SINGLE", "f"), ("INT8", "b"), ("UINT8", "B"), ("INT16", "h"), ("UINT16", "H"),
-         ("INT32", "i"), ("UINT32", "I"), ("INT64", "q"), ("UINT64", "Q")]
-for _k, (_name, _code) in enumerate(_REAL, start=4):
-    KINDS[_k], KINDS[_k + 10] = _name, "COMPLEX_" + _name
-    _ELEMENT[_k] = _ELEMENT[_k + 10] = _code
+for _real, _complex, _name, _code in _numeric_kinds:  # each real numeric kind and its complex kind
+    KINDS[_real], KINDS[_complex] = _name, "COMPLEX_" + _name
+    _ELEMENT[_real] = _ELEMENT[_complex] = _code
 
 _VARINT, _I64, _LEN, _I32 = 0, 1, 2, 5
 _MAX_DEPTH = 200
 
 
-class Malformed(Exception):
+class Malformed(ValueError):
     def __init__(self, offset: int, why: str) -> None:
         super().__init__(f"malformed message at byte {offset}: {why}")
         self.offset = offset

@@ -10,8 +10,10 @@ no protobuf runtime and no generated classes.
 
 from __future__ import annotations
 
-from collections.abc import Iterable, Iterator
-from typing import TYPE_CHECKING, Any
+from collections.abc import Iterable
+from typing import TYPE_CHECKING
+
+from veltra.inspect import _fields
 
 if TYPE_CHECKING:
     from typing_extensions import Buffer
@@ -24,22 +26,7 @@ _RESULT_LHS, _RESULT_ERROR = 1, 2
 _ERROR_MESSAGE, _ERROR_IDENTIFIER, _ERROR_STACK = 1, 2, 3
 _FRAME_FILE, _FRAME_NAME, _FRAME_LINE = 1, 2, 3
 
-_VARINT, _I64, _LEN, _I32 = 0, 1, 2, 5
-
-
-def _read_varint(data: memoryview, pos: int) -> tuple[int, int]:
-    result = shift = 0
-    while True:
-        if pos >= len(data):
-            raise ValueError("truncated varint in parameters message")
-        byte = data[pos]
-        pos += 1
-        result |= (byte & 0x7F) << shift
-        if not byte & 0x80:
-            return result, pos
-        shift += 7
-        if shift >= 64:
-            raise ValueError("varint longer than 10 bytes in parameters message")
+_VARINT, _LEN = 0, 2
 
 
 def _varint(value: int) -> bytes:
@@ -59,33 +46,9 @@ def _len_field(field: int, payload: bytes) -> bytes:
     return _varint(field << 3 | _LEN) + _varint(len(payload)) + payload
 
 
-def _fields(data: Buffer) -> Iterator[tuple[int, int, Any]]:
-    """(field number, wire type, value) of a message: an int for varints, a memoryview slice otherwise."""
-    data = memoryview(data).cast("B")
-    pos = 0
-    value: Any
-    while pos < len(data):
-        key, pos = _read_varint(data, pos)
-        field, wire_type = key >> 3, key & 7
-        if wire_type == _VARINT:
-            value, pos = _read_varint(data, pos)
-        elif wire_type == _LEN:
-            size, pos = _read_varint(data, pos)
-            if size > len(data) - pos:
-                raise ValueError("length-delimited field runs past the end of the parameters message")
-            value, pos = data[pos:pos + size], pos + size
-        elif wire_type in (_I64, _I32):
-            size = 8 if wire_type == _I64 else 4
-            if size > len(data) - pos:
-                raise ValueError("fixed-size field runs past the end of the parameters message")
-            value, pos = data[pos:pos + size], pos + size
-        else:
-            raise ValueError(f"unsupported wire type {wire_type} in parameters message")
-        yield field, wire_type, value
-
-
 def _inputs(params: Buffer) -> list[memoryview]:
-    return [v for f, wt, v in _fields(params) if f == _PARAMS_RHS and wt == _LEN]
+    data = memoryview(params).cast("B")
+    return [data[v[0]:v[1]] for f, wt, v, _ in _fields(data, 0, len(data)) if f == _PARAMS_RHS and wt == _LEN]
 
 
 def input_arrays(params: Buffer) -> list[bytes]:

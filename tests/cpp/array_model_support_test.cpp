@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "veltradata/buffer.h"
-#include "veltradata/text.h"
+#include "veltradata/element_block.h"
+#include "veltradata/utf16.h"
 #include "veltradata/veltradata.h"
 
 namespace {

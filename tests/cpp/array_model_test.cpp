@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "array_model_test_util.h"
-#include "veltradata/buffer.h"
+#include "veltradata/element_block.h"
 #include "veltradata/impl.h"
 #include "veltradata/veltradata.h"
 

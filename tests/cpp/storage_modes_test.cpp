@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "serialization.h"
-#include "veltradata/buffer.h"
+#include "veltradata/element_block.h"
 #include "veltradata/impl.h"
 #include "veltradata/veltradata.h"
 

@@ -1,4 +1,4 @@
-#include "text.h"
+#include "utf16.h"
 
 #include <cstdint>
 

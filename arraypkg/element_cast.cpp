@@ -1,4 +1,4 @@
-#include "arraypkg/convert.h"
+#include "arraypkg/element_cast.h"
 
 #include <cmath>
 #include <complex>

@@ -1,4 +1,4 @@
-#include "buffer.h"
+#include "element_block.h"
 
 #include <malloc.h>
 #include <sys/mman.h>
