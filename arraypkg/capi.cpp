@@ -23,49 +23,39 @@ PyObject* wrapEntry(void* handle) {
         PyErr_SetString(PyExc_ValueError, "null array implementation handle");
         return nullptr;
     }
-    try {
-        return wrapArray(Array::adoptHandle(handle));  // adopts the caller's hold
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
-    }
+    return wrapArray(Array::adoptHandle(handle));  // adopts the caller's hold
 }
 
 // Entry 1.
 void* getArrayEntry(PyObject* obj, PyObject* /*owner: package objects and handles keep their own holds*/,
                     uint32_t arrayType) {
-    try {
-        if (!obj) raise(PyExc_TypeError, "null object");
-        Array a;
-        std::vector<std::uint64_t> shape;
-        if (isPackageObject(obj)) {
-            a = arrayOf(obj);
-            shape = bodyOf(obj).shape;
-        } else if (isBufferHandle(obj)) {
-            BufferFormat format;
-            const Py_buffer* view = handleBuffer(obj, format);
-            if (!view) raise(PyExc_ValueError, "the buffer handle was already released");
-            a = copyBuffer(*view, format);
-            shape = bufferShape(*view);
-        } else {
-            raise(PyExc_TypeError, "an object of type " + typeName(obj) + " is neither a typed array nor a buffer handle");
-        }
-        const ArrayType want = arrayType == 0 ? a.getType() : static_cast<ArrayType>(arrayType);
-        if (arrayType > static_cast<uint32_t>(foundation::veltradata::kMaxArrayType) || !isElementKind(want))
-            raise(PyExc_TypeError, "array type " + std::to_string(arrayType) + " is not a numeric or logical type");
-        if (a.getType() != want) {
-            try {
-                a = convertArray(a, want);
-            } catch (const ElementError& e) {
-                setElementError(e, shape);
-                throw PyErrorSet{};
-            }
-        }
-        return a.releaseImpl();
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
+    if (!obj) raise(PyExc_TypeError, "null object");
+    Array a;
+    std::vector<std::uint64_t> shape;
+    if (isPackageObject(obj)) {
+        a = arrayOf(obj);
+        shape = bodyOf(obj).shape;
+    } else if (isBufferHandle(obj)) {
+        BufferFormat format;
+        const Py_buffer* view = handleBuffer(obj, format);
+        if (!view) raise(PyExc_ValueError, "the buffer handle was already released");
+        a = copyBuffer(*view, format);
+        shape = bufferShape(*view);
+    } else {
+        raise(PyExc_TypeError, "an object of type " + typeName(obj) + " is neither a typed array nor a buffer handle");
     }
+    const ArrayType want = arrayType == 0 ? a.getType() : static_cast<ArrayType>(arrayType);
+    if (arrayType > static_cast<uint32_t>(foundation::veltradata::kMaxArrayType) || !isElementKind(want))
+        raise(PyExc_TypeError, "array type " + std::to_string(arrayType) + " is not a numeric or logical type");
+    if (a.getType() != want) {
+        try {
+            a = convertArray(a, want);
+        } catch (const ElementError& e) {
+            setElementError(e, shape);
+            throw PyErrorSet{};
+        }
+    }
+    return a.releaseImpl();
 }
 
 // Entry 2.
@@ -114,25 +104,20 @@ uint64_t bufferBytesEntry(PyObject* handle) {
 
 // Entry 6.
 void* borrowArrayEntry(PyObject* handle) {
-    try {
-        if (!handle || !isBufferHandle(handle)) raise(PyExc_TypeError, "not a buffer handle");
-        BufferFormat format;
-        pyutil::BufferView* view = handleView(handle, format);
-        if (!view) raise(PyExc_ValueError, "the buffer handle was already released");
-        // Logical bytes other than 0 and 1 and the other byte order are normalised by the copy alone.
-        if (format.type == ArrayType::LOGICAL || format.swap) return nullptr;
-        return borrowBuffer(*view, format).releaseImpl();
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
-    }
+    if (!handle || !isBufferHandle(handle)) raise(PyExc_TypeError, "not a buffer handle");
+    BufferFormat format;
+    pyutil::BufferView* view = handleView(handle, format);
+    if (!view) raise(PyExc_ValueError, "the buffer handle was already released");
+    // Logical bytes other than 0 and 1 and the other byte order are normalised by the copy alone.
+    if (format.type == ArrayType::LOGICAL || format.swap) return nullptr;
+    return borrowBuffer(*view, format).releaseImpl();
 }
 
 const VeltraArrayCapi kTable = {sizeof(VeltraArrayCapi), VELTRA_CAPI_VERSION,
-                                wrapEntry,                getArrayEntry,
+                                guarded<wrapEntry>,       guarded<getArrayEntry>,
                                 acquireEntry,             releaseEntry,
                                 isBufferEntry,            bufferBytesEntry,
-                                borrowArrayEntry};
+                                guarded<borrowArrayEntry>};
 
 }  // namespace
 

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "pyutil/error.h"
@@ -30,6 +31,25 @@ inline void clearProbe() {
 
 // Sets the Python error for the exception being handled. Call only inside a catch block.
 void setErrorFromCurrentException() noexcept;
+
+// guarded<F>: the slot, method or capsule entry F as Python calls it, every exception F throws turned into
+// the Python error it stands for and F's failure value (null, or -1).
+template <auto F>
+struct Guard;
+template <typename R, typename... A, R (*F)(A...)>
+struct Guard<F> {
+    static R call(A... args) noexcept {
+        try {
+            return F(args...);
+        } catch (...) {
+            setErrorFromCurrentException();
+            if constexpr (std::is_pointer_v<R>) return nullptr;
+            else return -1;
+        }
+    }
+};
+template <auto F>
+inline constexpr auto guarded = &Guard<F>::call;
 
 // "(0, 2)": an index tuple as Python prints it; "()" for none, "(3,)" for one.
 std::string formatIndex(const std::vector<std::uint64_t>& index);

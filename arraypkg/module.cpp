@@ -25,43 +25,33 @@ ArrayType readKind(PyObject* o) {
 // through entry 1 directly; anything else through entries 2, 1 and 3. The handle then comes back through
 // entry 0 as a new typed array.
 PyObject* capiRoundtrip(PyObject*, PyObject* args) {
-    try {
-        PyObject* obj = nullptr;
-        PyObject* typeArg = Py_None;
-        if (!PyArg_ParseTuple(args, "O|O:_capi_roundtrip", &obj, &typeArg)) return nullptr;
-        const VeltraArrayCapi* capi = capiTable();
-        uint32_t type = typeArg == Py_None ? 0 : static_cast<uint32_t>(readKind(typeArg));
-        void* handle = nullptr;
-        if (isPackageObject(obj)) {
-            if (!type) type = static_cast<uint32_t>(kindOf(obj));
-            handle = capi->get_array(obj, obj, type);
-        } else {
-            uint32_t reported = 0;
-            PyObject* buffer = capi->acquire_buffer(obj, &reported);
-            if (!buffer) return nullptr;
-            handle = capi->get_array(buffer, buffer, type ? type : reported);
-            capi->release_buffer(buffer);
-        }
-        if (!handle) return nullptr;
-        return capi->wrap_array(handle);
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
+    PyObject* obj = nullptr;
+    PyObject* typeArg = Py_None;
+    if (!PyArg_ParseTuple(args, "O|O:_capi_roundtrip", &obj, &typeArg)) return nullptr;
+    const VeltraArrayCapi* capi = capiTable();
+    uint32_t type = typeArg == Py_None ? 0 : static_cast<uint32_t>(readKind(typeArg));
+    void* handle = nullptr;
+    if (isPackageObject(obj)) {
+        if (!type) type = static_cast<uint32_t>(kindOf(obj));
+        handle = capi->get_array(obj, obj, type);
+    } else {
+        uint32_t reported = 0;
+        PyObject* buffer = capi->acquire_buffer(obj, &reported);
+        if (!buffer) return nullptr;
+        handle = capi->get_array(buffer, buffer, type ? type : reported);
+        capi->release_buffer(buffer);
     }
+    if (!handle) return nullptr;
+    return capi->wrap_array(handle);
 }
 
 // _capi_get(obj, array_type): entry 1 on obj itself (no buffer handle), then entry 0.
 PyObject* capiGet(PyObject*, PyObject* args) {
-    try {
-        PyObject *obj, *typeArg;
-        if (!PyArg_ParseTuple(args, "OO:_capi_get", &obj, &typeArg)) return nullptr;
-        const VeltraArrayCapi* capi = capiTable();
-        void* handle = capi->get_array(obj, obj, static_cast<uint32_t>(readKind(typeArg)));
-        return handle ? capi->wrap_array(handle) : nullptr;
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
-    }
+    PyObject *obj, *typeArg;
+    if (!PyArg_ParseTuple(args, "OO:_capi_get", &obj, &typeArg)) return nullptr;
+    const VeltraArrayCapi* capi = capiTable();
+    void* handle = capi->get_array(obj, obj, static_cast<uint32_t>(readKind(typeArg)));
+    return handle ? capi->wrap_array(handle) : nullptr;
 }
 
 // _capi_acquire(obj): the ArrayType entry 2 reports for obj (the handle is released through entry 3).
@@ -79,18 +69,13 @@ PyObject* capiIsBuffer(PyObject*, PyObject* obj) { return PyBool_FromLong(capiTa
 
 // _capi_wrap_new(array_type, dims): entry 0 on a new all-zero array of any kind.
 PyObject* capiWrapNew(PyObject*, PyObject* args) {
-    try {
-        PyObject *typeArg, *dimsArg;
-        if (!PyArg_ParseTuple(args, "OO:_capi_wrap_new", &typeArg, &dimsArg)) return nullptr;
-        const ArrayType kind = readKind(typeArg);
-        const Dims dims = parseSize(dimsArg, "dims");
-        foundation::veltradata::ClientArrayFactory f;
-        Array a = f.createArray(kind, dims);
-        return capiTable()->wrap_array(a.shareHandle());  // entry 0's own hold, as py_pb gives it
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
-    }
+    PyObject *typeArg, *dimsArg;
+    if (!PyArg_ParseTuple(args, "OO:_capi_wrap_new", &typeArg, &dimsArg)) return nullptr;
+    const ArrayType kind = readKind(typeArg);
+    const Dims dims = parseSize(dimsArg, "dims");
+    foundation::veltradata::ClientArrayFactory f;
+    Array a = f.createArray(kind, dims);
+    return capiTable()->wrap_array(a.shareHandle());  // entry 0's own hold, as py_pb gives it
 }
 
 // _holds(obj): holds on the storage of obj's owner (1 when it is not shared).
@@ -104,11 +89,11 @@ PyObject* holds(PyObject*, PyObject* obj) {
 }
 
 PyMethodDef kModuleMethods[] = {
-    {"_capi_roundtrip", capiRoundtrip, METH_VARARGS, "Internal (tests): capsule entries 2, 1, 3 and 0 in turn."},
-    {"_capi_get", capiGet, METH_VARARGS, "Internal (tests): capsule entry 1 on any object, then entry 0."},
+    {"_capi_roundtrip", guarded<capiRoundtrip>, METH_VARARGS, "Internal (tests): capsule entries 2, 1, 3 and 0 in turn."},
+    {"_capi_get", guarded<capiGet>, METH_VARARGS, "Internal (tests): capsule entry 1 on any object, then entry 0."},
     {"_capi_acquire", capiAcquire, METH_O, "Internal (tests): the array type capsule entry 2 reports."},
     {"_capi_is_buffer", capiIsBuffer, METH_O, "Internal (tests): capsule entry 4."},
-    {"_capi_wrap_new", capiWrapNew, METH_VARARGS, "Internal (tests): capsule entry 0 on a new array."},
+    {"_capi_wrap_new", guarded<capiWrapNew>, METH_VARARGS, "Internal (tests): capsule entry 0 on a new array."},
     {"_holds", holds, METH_O, "Internal (tests): holds on an array's storage."},
     {nullptr, nullptr, 0, nullptr},
 };

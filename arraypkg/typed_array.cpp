@@ -298,23 +298,18 @@ int typeIndexOrRaise(PyObject* self) {
 }
 
 PyObject* tpNew(PyTypeObject* cls, PyObject* args, PyObject* kwds) {
-    try {
-        const int index = typeIndexOf(cls);
-        if (index < 0) raise(PyExc_TypeError, "cannot create instances of this type");
-        static const char* kwlist[] = {"initializer", "size", "is_complex", nullptr};
-        PyObject *init = Py_None, *size = Py_None, *complexArg = Py_False;
-        const std::string format = "|OOO:" + std::string(kTypeNames[index]);
-        if (!PyArg_ParseTupleAndKeywords(args, kwds, format.c_str(), const_cast<char**>(kwlist), &init, &size,
-                                         &complexArg))
-            return nullptr;
-        const int isComplex = PyObject_IsTrue(complexArg);
-        if (isComplex < 0) return nullptr;
-        Array a = buildArray(index, init, size == Py_None ? nullptr : size, isComplex != 0);
-        return newOwner(index, std::move(a));
-    } catch (...) {
-        setErrorFromCurrentException();
+    const int index = typeIndexOf(cls);
+    if (index < 0) raise(PyExc_TypeError, "cannot create instances of this type");
+    static const char* kwlist[] = {"initializer", "size", "is_complex", nullptr};
+    PyObject *init = Py_None, *size = Py_None, *complexArg = Py_False;
+    const std::string format = "|OOO:" + std::string(kTypeNames[index]);
+    if (!PyArg_ParseTupleAndKeywords(args, kwds, format.c_str(), const_cast<char**>(kwlist), &init, &size,
+                                     &complexArg))
         return nullptr;
-    }
+    const int isComplex = PyObject_IsTrue(complexArg);
+    if (isComplex < 0) return nullptr;
+    Array a = buildArray(index, init, size == Py_None ? nullptr : size, isComplex != 0);
+    return newOwner(index, std::move(a));
 }
 
 void tpDealloc(PyObject* self) {
@@ -333,39 +328,29 @@ void tpDealloc(PyObject* self) {
 }
 
 PyObject* tpRepr(PyObject* self) {
-    try {
-        const int index = typeIndexOrRaise(self);
-        const Body& b = bodyOf(self);
-        const bool complex = isComplexType(kindOf(self));
-        const std::uint64_t n = countOf(b.shape);
-        std::string out;
-        if (n > kReprLimit) {
-            out = "<" + fullName(index) + " of size " + formatDims(b.shape) + (complex ? ", complex>" : ">");
-        } else if (n == 0) {
-            out = fullName(index) + "(size=" + formatDims(b.shape) + (complex ? ", is_complex=True)" : ")");
-        } else {
-            Ref list = Ref::steal(toList(self));
-            Ref text = check(PyObject_Repr(list.get()));
-            const char* s = PyUnicode_AsUTF8AndSize(text.get(), nullptr);
-            if (!s) throw PyErrorSet{};
-            out = fullName(index) + "(" + s + (complex ? ", is_complex=True)" : ")");
-        }
-        return PyUnicode_FromStringAndSize(out.data(), static_cast<Py_ssize_t>(out.size()));
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
+    const int index = typeIndexOrRaise(self);
+    const Body& b = bodyOf(self);
+    const bool complex = isComplexType(kindOf(self));
+    const std::uint64_t n = countOf(b.shape);
+    std::string out;
+    if (n > kReprLimit) {
+        out = "<" + fullName(index) + " of size " + formatDims(b.shape) + (complex ? ", complex>" : ">");
+    } else if (n == 0) {
+        out = fullName(index) + "(size=" + formatDims(b.shape) + (complex ? ", is_complex=True)" : ")");
+    } else {
+        Ref list = Ref::steal(toList(self));
+        Ref text = check(PyObject_Repr(list.get()));
+        const char* s = PyUnicode_AsUTF8AndSize(text.get(), nullptr);
+        if (!s) throw PyErrorSet{};
+        out = fullName(index) + "(" + s + (complex ? ", is_complex=True)" : ")");
     }
+    return PyUnicode_FromStringAndSize(out.data(), static_cast<Py_ssize_t>(out.size()));
 }
 
 PyObject* tpRichCompare(PyObject* self, PyObject* other, int op) {
     if ((op != Py_EQ && op != Py_NE) || !isPackageObject(self) || !isPackageObject(other)) Py_RETURN_NOTIMPLEMENTED;
-    try {
-        const bool eq = arraysEqual(self, other);
-        return PyBool_FromLong((op == Py_EQ) == eq);
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
-    }
+    const bool eq = arraysEqual(self, other);
+    return PyBool_FromLong((op == Py_EQ) == eq);
 }
 
 Py_ssize_t mpLength(PyObject* self) {
@@ -378,90 +363,66 @@ Py_ssize_t mpLength(PyObject* self) {
     return static_cast<Py_ssize_t>(b.shape[0]);
 }
 
-PyObject* mpSubscript(PyObject* self, PyObject* key) {
-    try {
-        return subscript(self, key);
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
-    }
-}
-
 PyObject* sqItem(PyObject* self, Py_ssize_t i) {
-    try {
-        Ref key = check(PyLong_FromSsize_t(i));
-        return subscript(self, key.get());
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
-    }
+    Ref key = check(PyLong_FromSsize_t(i));
+    return subscript(self, key.get());
 }
 
 int mpAssSubscript(PyObject* self, PyObject* key, PyObject* value) {
-    try {
-        assign(self, key, value);
-        return 0;
-    } catch (...) {
-        setErrorFromCurrentException();
-        return -1;
-    }
+    assign(self, key, value);
+    return 0;
 }
 
 int bfGetBuffer(PyObject* self, Py_buffer* view, int flags) {
     view->obj = nullptr;
-    try {
-        ArrayObject* owner = ownerOf(self);
-        Body& ob = *owner->body;
-        const Body& b = bodyOf(self);
-        const ArrayType kind = ob.array.getType();
-        const std::size_t es = elementSize(kind);
-        for (std::uint64_t d : b.shape)
-            if (d > static_cast<std::uint64_t>(PY_SSIZE_T_MAX)) raise(PyExc_BufferError, "the array is too large to export");
-        const bool fOrder = isColumnMajor(b), cOrder = isRowMajor(b);
-        if ((flags & PyBUF_F_CONTIGUOUS) == PyBUF_F_CONTIGUOUS && !fOrder)
-            raise(PyExc_BufferError, "the array is not Fortran-contiguous");
-        if ((flags & PyBUF_C_CONTIGUOUS) == PyBUF_C_CONTIGUOUS && !cOrder)
-            raise(PyExc_BufferError, "the array is not C-contiguous");
-        if ((flags & PyBUF_ANY_CONTIGUOUS) == PyBUF_ANY_CONTIGUOUS && !fOrder && !cOrder)
-            raise(PyExc_BufferError, "the array is not contiguous");
-        if ((flags & PyBUF_STRIDES) != PyBUF_STRIDES && !cOrder && (flags & PyBUF_ND) == PyBUF_ND)
-            raise(PyExc_BufferError, "the array is not C-contiguous; request strides to read it");
-        if ((flags & PyBUF_ND) != PyBUF_ND && !fOrder && !cOrder)
-            raise(PyExc_BufferError, "the array is not contiguous");
+    ArrayObject* owner = ownerOf(self);
+    Body& ob = *owner->body;
+    const Body& b = bodyOf(self);
+    const ArrayType kind = ob.array.getType();
+    const std::size_t es = elementSize(kind);
+    for (std::uint64_t d : b.shape)
+        if (d > static_cast<std::uint64_t>(PY_SSIZE_T_MAX)) raise(PyExc_BufferError, "the array is too large to export");
+    const bool fOrder = isColumnMajor(b), cOrder = isRowMajor(b);
+    if ((flags & PyBUF_F_CONTIGUOUS) == PyBUF_F_CONTIGUOUS && !fOrder)
+        raise(PyExc_BufferError, "the array is not Fortran-contiguous");
+    if ((flags & PyBUF_C_CONTIGUOUS) == PyBUF_C_CONTIGUOUS && !cOrder)
+        raise(PyExc_BufferError, "the array is not C-contiguous");
+    if ((flags & PyBUF_ANY_CONTIGUOUS) == PyBUF_ANY_CONTIGUOUS && !fOrder && !cOrder)
+        raise(PyExc_BufferError, "the array is not contiguous");
+    if ((flags & PyBUF_STRIDES) != PyBUF_STRIDES && !cOrder && (flags & PyBUF_ND) == PyBUF_ND)
+        raise(PyExc_BufferError, "the array is not C-contiguous; request strides to read it");
+    if ((flags & PyBUF_ND) != PyBUF_ND && !fOrder && !cOrder)
+        raise(PyExc_BufferError, "the array is not contiguous");
 
-        // Pin the storage: from now on it belongs to this owner alone until the last export ends.
-        if (ob.exports == 0 && ob.array.getImpl() && ob.array.getImpl()->shared()) ob.array.mutableImpl();
-        const std::uint8_t* base = ob.array.impl().get<foundation::veltradata::detail::AlignedBuffer>().data();
+    // Pin the storage: from now on it belongs to this owner alone until the last export ends.
+    if (ob.exports == 0 && ob.array.getImpl() && ob.array.getImpl()->shared()) ob.array.mutableImpl();
+    const std::uint8_t* base = ob.array.impl().get<foundation::veltradata::detail::AlignedBuffer>().data();
 
-        const int nd = static_cast<int>(b.shape.size());
-        Py_ssize_t* dims = nullptr;
-        if ((flags & PyBUF_ND) == PyBUF_ND) {
-            dims = static_cast<Py_ssize_t*>(PyMem_Malloc(sizeof(Py_ssize_t) * 2 * (nd ? nd : 1)));
-            if (!dims) throw std::bad_alloc();
-            for (int k = 0; k < nd; ++k) {
-                dims[k] = static_cast<Py_ssize_t>(b.shape[k]);
-                dims[nd + k] = static_cast<Py_ssize_t>(wrappingProduct(b.strides[k], static_cast<std::int64_t>(es)));
-            }
+    const int nd = static_cast<int>(b.shape.size());
+    Py_ssize_t* dims = nullptr;
+    if ((flags & PyBUF_ND) == PyBUF_ND) {
+        dims = static_cast<Py_ssize_t*>(PyMem_Malloc(sizeof(Py_ssize_t) * 2 * (nd ? nd : 1)));
+        if (!dims) throw std::bad_alloc();
+        for (int k = 0; k < nd; ++k) {
+            dims[k] = static_cast<Py_ssize_t>(b.shape[k]);
+            dims[nd + k] = static_cast<Py_ssize_t>(wrappingProduct(b.strides[k], static_cast<std::int64_t>(es)));
         }
-        view->buf = const_cast<std::uint8_t*>(base) + b.offset * es;
-        view->len = static_cast<Py_ssize_t>(countOf(b.shape) * es);
-        // A plain byte request (no shape, no format) sees unsigned bytes.
-        view->itemsize = dims || (flags & PyBUF_FORMAT) == PyBUF_FORMAT ? static_cast<Py_ssize_t>(es) : 1;
-        view->readonly = 0;
-        view->ndim = dims ? nd : 1;
-        view->format = (flags & PyBUF_FORMAT) == PyBUF_FORMAT ? const_cast<char*>(exportFormat(kind)) : nullptr;
-        view->shape = dims;
-        view->strides = dims && (flags & PyBUF_STRIDES) == PyBUF_STRIDES ? dims + nd : nullptr;
-        view->suboffsets = nullptr;
-        view->internal = dims;
-        ++ob.exports;
-        Py_INCREF(self);
-        view->obj = self;
-        return 0;
-    } catch (...) {
-        setErrorFromCurrentException();
-        return -1;
     }
+    view->buf = const_cast<std::uint8_t*>(base) + b.offset * es;
+    view->len = static_cast<Py_ssize_t>(countOf(b.shape) * es);
+    // A plain byte request (no shape, no format) sees unsigned bytes.
+    view->itemsize = dims || (flags & PyBUF_FORMAT) == PyBUF_FORMAT ? static_cast<Py_ssize_t>(es) : 1;
+    view->readonly = 0;
+    view->ndim = dims ? nd : 1;
+    view->format = (flags & PyBUF_FORMAT) == PyBUF_FORMAT ? const_cast<char*>(exportFormat(kind)) : nullptr;
+    view->shape = dims;
+    view->strides = dims && (flags & PyBUF_STRIDES) == PyBUF_STRIDES ? dims + nd : nullptr;
+    view->suboffsets = nullptr;
+    view->internal = dims;
+    ++ob.exports;
+    Py_INCREF(self);
+    view->obj = self;
+    return 0;
 }
 
 void bfReleaseBuffer(PyObject* self, Py_buffer* view) {
@@ -483,102 +444,71 @@ PyObject* getSize(PyObject* self, void*) {
     return t.release();
 }
 
-PyObject* getSizeSafe(PyObject* self, void* closure) {
-    try {
-        return getSize(self, closure);
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
-    }
-}
-
 PyObject* getIsComplex(PyObject* self, void*) { return PyBool_FromLong(isComplexType(kindOf(self))); }
 
-PyObject* methToList(PyObject* self, PyObject*) {
-    try {
-        return toList(self);
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
-    }
-}
+PyObject* methToList(PyObject* self, PyObject*) { return toList(self); }
 
 PyObject* methReshape(PyObject* self, PyObject* args) {
-    try {
-        const int index = typeIndexOrRaise(self);
-        PyObject* dimsArg = args;
-        if (PyTuple_Size(args) == 1 && !PyIndex_Check(PyTuple_GetItem(args, 0))) dimsArg = PyTuple_GetItem(args, 0);
-        Dims dims = parseSize(dimsArg, "reshape");
-        Body& b = bodyOf(self);
-        if (b.owner) {
-            raise(PyExc_ValueError, "a sub-array view cannot be reshaped in place; copy it first with " +
-                                        fullName(index) + "(view)");
-        }
-        const std::uint64_t have = b.array.getNumberOfElements();
-        const std::uint64_t want = foundation::veltradata::numberOfElements(dims);
-        if (have != want) {
-            raise(PyExc_ValueError, "cannot reshape an array of " + std::to_string(have) + " elements to size " +
-                                        formatDims(dims) + " (" + std::to_string(want) + " elements)");
-        }
-        // The elements stay where they are (pinned storage is never detached, and detaching shared storage
-        // copies it in the same order), so views and exported buffers, which carry their own shape and
-        // strides over that storage, keep showing the same elements.
-        b.array.mutableImpl().dims = std::move(dims);
-        setOwnerLayout(b);
-        Py_RETURN_NONE;
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
+    const int index = typeIndexOrRaise(self);
+    PyObject* dimsArg = args;
+    if (PyTuple_Size(args) == 1 && !PyIndex_Check(PyTuple_GetItem(args, 0))) dimsArg = PyTuple_GetItem(args, 0);
+    Dims dims = parseSize(dimsArg, "reshape");
+    Body& b = bodyOf(self);
+    if (b.owner) {
+        raise(PyExc_ValueError, "a sub-array view cannot be reshaped in place; copy it first with " +
+                                    fullName(index) + "(view)");
     }
+    const std::uint64_t have = b.array.getNumberOfElements();
+    const std::uint64_t want = foundation::veltradata::numberOfElements(dims);
+    if (have != want) {
+        raise(PyExc_ValueError, "cannot reshape an array of " + std::to_string(have) + " elements to size " +
+                                    formatDims(dims) + " (" + std::to_string(want) + " elements)");
+    }
+    // The elements stay where they are (pinned storage is never detached, and detaching shared storage
+    // copies it in the same order), so views and exported buffers, which carry their own shape and
+    // strides over that storage, keep showing the same elements.
+    b.array.mutableImpl().dims = std::move(dims);
+    setOwnerLayout(b);
+    Py_RETURN_NONE;
 }
 
 // copy.copy and copy.deepcopy: a new owner sharing the elements until either side writes.
 PyObject* methCopy(PyObject* self, PyObject*) {
-    try {
-        return newOwner(typeIndexOrRaise(self), arrayOf(self));
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
-    }
+    return newOwner(typeIndexOrRaise(self), arrayOf(self));
 }
 
 // Pickling: (type, (elements in column-major order, size, is_complex)).
 PyObject* methReduce(PyObject* self, PyObject*) {
-    try {
-        const int index = typeIndexOrRaise(self);
-        Array a = arrayOf(self);
-        const ArrayType kind = a.getType();
-        const std::size_t es = elementSize(kind);
-        const std::uint64_t n = a.getNumberOfElements();
-        Ref flat = check(PyList_New(static_cast<Py_ssize_t>(n)));
-        const std::uint8_t* p = a.impl().get<foundation::veltradata::detail::AlignedBuffer>().data();
-        for (std::uint64_t i = 0; i < n; ++i) {
-            PyObject* v = scalarToPython(p + i * es, kind);
-            if (!v) return nullptr;
-            PyList_SetItem(flat.get(), static_cast<Py_ssize_t>(i), v);
-        }
-        Ref size = check(getSize(self, nullptr));
-        return Py_BuildValue("O(OOO)", typeObject(index), flat.get(), size.get(),
-                             isComplexType(kind) ? Py_True : Py_False);
-    } catch (...) {
-        setErrorFromCurrentException();
-        return nullptr;
+    const int index = typeIndexOrRaise(self);
+    Array a = arrayOf(self);
+    const ArrayType kind = a.getType();
+    const std::size_t es = elementSize(kind);
+    const std::uint64_t n = a.getNumberOfElements();
+    Ref flat = check(PyList_New(static_cast<Py_ssize_t>(n)));
+    const std::uint8_t* p = a.impl().get<foundation::veltradata::detail::AlignedBuffer>().data();
+    for (std::uint64_t i = 0; i < n; ++i) {
+        PyObject* v = scalarToPython(p + i * es, kind);
+        if (!v) return nullptr;
+        PyList_SetItem(flat.get(), static_cast<Py_ssize_t>(i), v);
     }
+    Ref size = check(getSize(self, nullptr));
+    return Py_BuildValue("O(OOO)", typeObject(index), flat.get(), size.get(),
+                         isComplexType(kind) ? Py_True : Py_False);
 }
 
 PyGetSetDef kGetSet[] = {
-    {"size", getSizeSafe, nullptr, const_cast<char*>("The dimensions, as a tuple."), nullptr},
+    {"size", guarded<getSize>, nullptr, const_cast<char*>("The dimensions, as a tuple."), nullptr},
     {"_is_complex", getIsComplex, nullptr, const_cast<char*>("True when the elements are complex."), nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
 PyMethodDef kMethods[] = {
-    {"tolist", methToList, METH_NOARGS, "The elements as nested lists, one level per dimension."},
-    {"reshape", methReshape, METH_VARARGS,
+    {"tolist", guarded<methToList>, METH_NOARGS, "The elements as nested lists, one level per dimension."},
+    {"reshape", guarded<methReshape>, METH_VARARGS,
      "reshape(*dims) or reshape(dims): change the dimensions in place, keeping the column-major element order."},
-    {"__copy__", methCopy, METH_NOARGS, "A copy (the elements are shared until either side writes)."},
-    {"__deepcopy__", methCopy, METH_O, "A copy (the elements are shared until either side writes)."},
-    {"__reduce__", methReduce, METH_NOARGS, "Pickling support."},
+    {"__copy__", guarded<methCopy>, METH_NOARGS, "A copy (the elements are shared until either side writes)."},
+    {"__deepcopy__", guarded<methCopy>, METH_O, "A copy (the elements are shared until either side writes)."},
+    {"__reduce__", guarded<methReduce>, METH_NOARGS, "Pickling support."},
     {nullptr, nullptr, 0, nullptr},
 };
 
@@ -600,21 +530,21 @@ const char kDocBody[] =
     "share the elements: x[0][1] = 5 changes x. numpy.asarray(x) is a view of the elements, shape == x.size.";
 
 PyType_Slot kSlots[] = {
-    {Py_tp_new, reinterpret_cast<void*>(tpNew)},
+    {Py_tp_new, reinterpret_cast<void*>(guarded<tpNew>)},
     {Py_tp_dealloc, reinterpret_cast<void*>(tpDealloc)},
-    {Py_tp_repr, reinterpret_cast<void*>(tpRepr)},
-    {Py_tp_richcompare, reinterpret_cast<void*>(tpRichCompare)},
+    {Py_tp_repr, reinterpret_cast<void*>(guarded<tpRepr>)},
+    {Py_tp_richcompare, reinterpret_cast<void*>(guarded<tpRichCompare>)},
     {Py_tp_hash, reinterpret_cast<void*>(PyObject_HashNotImplemented)},
     {Py_tp_getset, kGetSet},
     {Py_tp_methods, kMethods},
     {Py_tp_members, kMembers},
     {Py_tp_doc, nullptr},  // per type, see createTypes
     {Py_mp_length, reinterpret_cast<void*>(mpLength)},
-    {Py_mp_subscript, reinterpret_cast<void*>(mpSubscript)},
-    {Py_mp_ass_subscript, reinterpret_cast<void*>(mpAssSubscript)},
+    {Py_mp_subscript, reinterpret_cast<void*>(guarded<subscript>)},
+    {Py_mp_ass_subscript, reinterpret_cast<void*>(guarded<mpAssSubscript>)},
     {Py_sq_length, reinterpret_cast<void*>(mpLength)},
-    {Py_sq_item, reinterpret_cast<void*>(sqItem)},
-    {Py_bf_getbuffer, reinterpret_cast<void*>(bfGetBuffer)},
+    {Py_sq_item, reinterpret_cast<void*>(guarded<sqItem>)},
+    {Py_bf_getbuffer, reinterpret_cast<void*>(guarded<bfGetBuffer>)},
     {Py_bf_releasebuffer, reinterpret_cast<void*>(bfReleaseBuffer)},
     {0, nullptr},
 };

@@ -10,6 +10,7 @@
 #include "params_tape.h"
 #include "veltra_common.pb.h"
 #include "veltradata/veltradata.h"
+#include "wire_format.h"
 
 namespace foundation::protobuf::common {
 
@@ -44,7 +45,7 @@ struct ResultFields {
         const std::uint8_t* data;
         std::size_t size;
     };
-    std::vector<Output> outputs;
+    foundation::veltradata::protobuf::wire::SmallVector<Output, 8> outputs;  // most results have a few
 };
 ResultFields readResultFields(const std::uint8_t* data, std::size_t size);
 

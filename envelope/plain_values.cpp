@@ -112,7 +112,7 @@ bool datetimeArrayRest(Reader& r, std::uint64_t n, std::vector<PlainText>& out) 
 
 PlainArray readPlain(const std::uint8_t* data, std::size_t size) {
     PlainArray out;
-    out.end = data + size;
+    out.end_ = data + size;
     Reader r(data, size);
     Head h;
     if (!readHead(r, h)) return out;
@@ -133,7 +133,7 @@ PlainArray readPlain(const std::uint8_t* data, std::size_t size) {
         out.kind = PlainKind::DateTexts;
         out.type = t;
         out.count = n;
-        out.nextElement = data + (size - r.remaining());
+        out.element_ = data + (size - r.remaining());
         std::copy(dims, dims + nd, out.dims);
         out.ndims = nd;
         return out;
@@ -179,8 +179,10 @@ PlainArray readPlain(const std::uint8_t* data, std::size_t size) {
     if (!r.done()) return out;
     out.kind = t == ArrayType::CELL ? PlainKind::Cell : PlainKind::Struct;
     out.count = values;
-    out.nextElement = first;
-    out.nextName = firstName;
+    out.element_ = first;
+    out.elementsLeft_ = values;
+    out.name_ = firstName;
+    out.namesLeft_ = names;
     return out;
 }
 
@@ -198,22 +200,28 @@ Span checkedField(const std::uint8_t*& p, const std::uint8_t* end) {
 }
 }  // namespace
 
-void nextElement(PlainArray& parent, const std::uint8_t*& data, std::size_t& size) {
-    const Span s = checkedField(parent.nextElement, parent.end);
+bool PlainArray::nextElement(const std::uint8_t*& data, std::size_t& size) {
+    if (!elementsLeft_) return false;
+    --elementsLeft_;
+    const Span s = checkedField(element_, end_);
     data = s.data;
     size = s.size;
+    return true;
 }
 
-void nextFieldName(PlainArray& parent, const char*& name, std::size_t& size) {
-    const Span s = checkedField(parent.nextName, parent.end);
+bool PlainArray::nextFieldName(const char*& name, std::size_t& size) {
+    if (!namesLeft_) return false;
+    --namesLeft_;
+    const Span s = checkedField(name_, end_);
     name = reinterpret_cast<const char*>(s.data);
     size = s.size;
+    return true;
 }
 
 bool dateTexts(const PlainArray& a, std::vector<PlainText>& out) {
     out.clear();
     out.reserve(static_cast<std::size_t>(a.count));
-    Reader r(a.nextElement, static_cast<std::size_t>(a.end - a.nextElement));
+    Reader r(a.element_, static_cast<std::size_t>(a.end_ - a.element_));
     return datetimeArrayRest(r, a.count, out);
 }
 

@@ -32,7 +32,13 @@ enum class PlainKind : std::uint8_t {
     DateTexts,
 };
 
-struct PlainArray {
+// One DateString: `units` UTF-16 units at `data` (not aligned); none for a missing string.
+struct PlainText {
+    const std::uint8_t* data = nullptr;
+    std::size_t units = 0;
+};
+class PlainArray {
+public:
     PlainKind kind = PlainKind::NotPlain;
     ArrayType type = ArrayType::UNKNOWN;
     // Empty: two dimensions, not both more than one row and more than one column (what a char or cell array
@@ -40,26 +46,27 @@ struct PlainArray {
     bool rowOrColumn = false;
     const std::uint8_t* data = nullptr;
     std::uint64_t count = 0;
-    // Cell, struct: where the next element and the next field name start; both checked already.
-    const std::uint8_t* nextElement = nullptr;
-    const std::uint8_t* nextName = nullptr;
     std::uint64_t dims[8] = {};
     std::size_t ndims = 0;
-    const std::uint8_t* end = nullptr;  // of the array's bytes
+
+    // Cell, struct: the elements in order, and a struct's field names in order (valid field names, ASCII);
+    // false once all `count` have been read.
+    bool nextElement(const std::uint8_t*& data, std::size_t& size);
+    bool nextFieldName(const char*& name, std::size_t& size);
+
+private:
+    friend PlainArray readPlain(const std::uint8_t* data, std::size_t size);
+    friend bool dateTexts(const PlainArray& a, std::vector<PlainText>& out);
+    // Where the next element and the next field name start (both checked already), how many of each are left.
+    const std::uint8_t* element_ = nullptr;
+    const std::uint8_t* name_ = nullptr;
+    std::uint64_t elementsLeft_ = 0, namesLeft_ = 0;
+    const std::uint8_t* end_ = nullptr;  // of the array's bytes
 };
 
 // One VELTRA_Array message body.
 PlainArray readPlain(const std::uint8_t* data, std::size_t size);
-// The next element of a cell or struct read by readPlain: call exactly `count` times.
-void nextElement(PlainArray& parent, const std::uint8_t*& data, std::size_t& size);
-// The next field name of a struct (a valid field name, ASCII): call exactly `count` times.
-void nextFieldName(PlainArray& parent, const char*& name, std::size_t& size);
 
-// One DateString: `units` UTF-16 units at `data` (not aligned); none for a missing string.
-struct PlainText {
-    const std::uint8_t* data = nullptr;
-    std::size_t units = 0;
-};
 // The texts of `a`, a DateTexts array, in element order; false when it is not the engine's datetime array.
 bool dateTexts(const PlainArray& a, std::vector<PlainText>& out);
 

@@ -200,6 +200,10 @@ public:
     void reserve(std::size_t n) {
         if (n > N) heap_.reserve(n);
     }
+    void clear() {
+        size_ = 0;
+        heap_.clear();
+    }
     std::size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
     const T* begin() const { return heap_.empty() ? inline_ : heap_.data(); }

@@ -89,18 +89,19 @@ void checkPlainAgrees(const std::uint8_t* data, std::size_t size, int depth) {
                       foundation::veltradata::StructArray(a).getFieldNames().size() == p.count);
             std::vector<foundation::veltradata::VeltraFieldIdentifier> names;
             if (decoded && !isCell) names = foundation::veltradata::StructArray(a).getFieldNames();
-            for (std::uint64_t i = 0; i < p.count; ++i) {
-                const std::uint8_t* element;
-                std::size_t elementSize;
-                pc::nextElement(p, element, elementSize);
+            const std::uint8_t* element;
+            std::size_t elementSize;
+            std::uint64_t i = 0;
+            for (; p.nextElement(element, elementSize); ++i) {
                 if (!isCell) {
                     const char* name;
                     std::size_t length;
-                    pc::nextFieldName(p, name, length);
+                    check(p.nextFieldName(name, length));
                     if (decoded) check(names[i].str() == std::string(name, length));
                 }
                 checkPlainAgrees(element, elementSize, depth + 1);
             }
+            check(i == p.count);
             break;
         }
         case pc::PlainKind::DateTexts: {

@@ -89,13 +89,12 @@ private:
         if (!guard) return nullptr;
         Ref out = Ref::steal(PyList_New(static_cast<Py_ssize_t>(a.count)));
         if (!out) return nullptr;
-        for (std::uint64_t i = 0; i < a.count; ++i) {
-            const std::uint8_t* data;
-            std::size_t size;
-            common::nextElement(a, data, size);
+        const std::uint8_t* data;
+        std::size_t size;
+        for (Py_ssize_t i = 0; a.nextElement(data, size); ++i) {
             PyObject* item = value(data, size, true, depth + 1);
             if (!item) return nullptr;
-            PyList_SetItem(out.get(), static_cast<Py_ssize_t>(i), item);  // steals item
+            PyList_SetItem(out.get(), i, item);  // steals item
         }
         return out.release();
     }
@@ -105,13 +104,11 @@ private:
         if (!guard) return nullptr;
         Ref out = Ref::steal(PyDict_New());
         if (!out) return nullptr;
-        for (std::uint64_t i = 0; i < a.count; ++i) {
-            const std::uint8_t* element;
-            std::size_t elementSize;
-            const char* name;
-            std::size_t length;
-            common::nextElement(a, element, elementSize);
-            common::nextFieldName(a, name, length);
+        const std::uint8_t* element;
+        std::size_t elementSize;
+        const char* name;
+        std::size_t length;
+        while (a.nextElement(element, elementSize) && a.nextFieldName(name, length)) {
             const Ref key = Ref::steal(PyUnicode_FromStringAndSize(name, static_cast<Py_ssize_t>(length)));
             if (!key) return nullptr;
             const Ref item = Ref::steal(value(element, elementSize, false, depth + 1));

@@ -218,21 +218,11 @@ PyObject* methodClear(PyObject* self, PyObject*) {
     PyDict_Clear(inner);  // leaves the unchanged flag as it is, on purpose
     Py_RETURN_NONE;
 }
-PyObject* methodItems(PyObject* self, PyObject*) {
+// items, keys, todict, values: `op` on the wrapped dict.
+template <PyObject* (*Op)(PyObject*)>
+PyObject* onInner(PyObject* self, PyObject*) {
     PyObject* inner = innerOf(self);
-    return inner ? PyDict_Items(inner) : nullptr;
-}
-PyObject* methodKeys(PyObject* self, PyObject*) {
-    PyObject* inner = innerOf(self);
-    return inner ? PyDict_Keys(inner) : nullptr;
-}
-PyObject* methodTodict(PyObject* self, PyObject*) {
-    PyObject* inner = innerOf(self);
-    return inner ? PyDict_Copy(inner) : nullptr;
-}
-PyObject* methodValues(PyObject* self, PyObject*) {
-    PyObject* inner = innerOf(self);
-    return inner ? PyDict_Values(inner) : nullptr;
+    return inner ? Op(inner) : nullptr;
 }
 
 // ---- comparison ----
@@ -314,10 +304,10 @@ PyObject* iterNext(PyObject* self) {
 
 PyMethodDef g_methods[] = {
     {"clear", methodClear, METH_NOARGS, "clear deletes all key-value pairs in the dictionary"},
-    {"items", methodItems, METH_NOARGS, "items returns the key-value pairs as a list"},
-    {"keys", methodKeys, METH_NOARGS, "keys returns the keys as a list"},
-    {"todict", methodTodict, METH_NOARGS, "todict returns a dict with the same key-value pairs as the original"},
-    {"values", methodValues, METH_NOARGS, "values returns the values as a list"},
+    {"items", onInner<PyDict_Items>, METH_NOARGS, "items returns the key-value pairs as a list"},
+    {"keys", onInner<PyDict_Keys>, METH_NOARGS, "keys returns the keys as a list"},
+    {"todict", onInner<PyDict_Copy>, METH_NOARGS, "todict returns a dict with the same key-value pairs as the original"},
+    {"values", onInner<PyDict_Values>, METH_NOARGS, "values returns the values as a list"},
     {nullptr, nullptr, 0, nullptr},
 };
 
