@@ -60,7 +60,6 @@ inline ArrayObject* ownerOf(PyObject* o) {
     return reinterpret_cast<ArrayObject*>(b.owner ? b.owner : o);
 }
 inline ArrayType kindOf(PyObject* o) { return ownerOf(o)->body->array.getType(); }
-inline bool isView(PyObject* o) { return bodyOf(o).owner != nullptr; }
 
 // A new owner of the type that holds `a`'s kind. Throws (PyErrorSet/TypeError) for kinds no type holds.
 PyObject* wrapArray(Array a);

@@ -11,8 +11,4 @@ namespace PythonVeltraDataArray::detail {
 const VeltraArrayCapi* capsule() noexcept;
 void setCapsule(const VeltraArrayCapi* table) noexcept;
 
-// The package's `double` type object (a strong reference kept for the life of the process); may be null.
-PyObject* packageDoubleType() noexcept;
-void setPackageDoubleType(PyObject* stolen) noexcept;
-
 }  // namespace PythonVeltraDataArray::detail

@@ -22,8 +22,10 @@ constexpr std::size_t kTypeSize = 2;
 static_assert(static_cast<int>(ArrayType::STRUCT) < 0x80, "plain kinds are one-byte varints");
 
 // Packed dimensions [1, n].
-std::size_t rowDimsSize(std::uint64_t n) { return wire::lenFieldSize(kDims, 1 + wire::varintSize(n)); }
-std::uint8_t* writeHead(std::uint8_t* p, ArrayType t, std::uint64_t n) {
+constexpr std::size_t rowDimsSize(std::uint64_t n) { return wire::lenFieldSize(kDims, 1 + wire::varintSize(n)); }
+constexpr std::size_t kNumberBody = kTypeSize + rowDimsSize(1) + wire::lenFieldSize(kData, 8);  // double, int64
+constexpr std::size_t kLogicalBody = kTypeSize + rowDimsSize(1) + wire::lenFieldSize(kData, 1);
+inline std::uint8_t* writeHead(std::uint8_t* p, ArrayType t, std::uint64_t n) {
     *p++ = static_cast<std::uint8_t>(wire::makeTag(kType, wire::kVarint));
     *p++ = static_cast<std::uint8_t>(t);
     p = wire::writeLenHeader(p, kDims, 1 + wire::varintSize(n));
@@ -33,34 +35,14 @@ std::uint8_t* writeHead(std::uint8_t* p, ArrayType t, std::uint64_t n) {
 
 }  // namespace
 
-void ParamsTape::clear() {
-    entries_.clear();
-    open_.clear();
-    units_.clear();
-    names_.clear();
-    arrays_.clear();
-    arraySizes_.clear();
-    size_ = 0;
-    nargout_ = 0;
-}
-
 const std::size_t ParamsTape::kMaxDepth = vp::kMaxNestingDepth;
-const std::size_t ParamsTape::kNumberBody = kTypeSize + rowDimsSize(1) + wire::lenFieldSize(kData, 8);
-const std::size_t ParamsTape::kLogicalBody = kTypeSize + rowDimsSize(1) + wire::lenFieldSize(kData, 1);
 
 void ParamsTape::tooDeep() const {
     vp::detail::checkNestingDepth(static_cast<int>(open_.size()));
     throw std::logic_error("a value nested as deep as it may be was refused");
 }
 
-std::size_t ParamsTape::heldBytes() const {
-    return entries_.capacity() * sizeof(Entry) + open_.capacity() * sizeof(std::size_t) +
-           closing_.capacity() * sizeof(Closing) +
-           units_.capacity() * sizeof(char16_t) + names_.capacity() + arrays_.capacity() * sizeof(Array) +
-           arraySizes_.capacity() * sizeof(std::size_t);
-}
-
-std::size_t ParamsTape::bodySize(const Entry& e) {
+inline std::size_t ParamsTape::bodySize(const Entry& e) {
     switch (e.kind) {
         case kDouble:
         case kInt64: return kNumberBody;

@@ -20,7 +20,16 @@ using foundation::veltradata::Array;
 class ParamsTape {
 public:
     // Forgets every value; keeps the memory for the next call.
-    void clear();
+    void clear() {
+        entries_.clear();
+        open_.clear();
+        units_.clear();
+        names_.clear();
+        arrays_.clear();
+        arraySizes_.clear();
+        size_ = 0;
+        nargout_ = 0;
+    }
 
     // Top-level values are the call's arguments; the others belong to the innermost open cell or struct. Each
     // throws the codec's exception for a value nested too deeply to be read back.
@@ -50,7 +59,11 @@ public:
     void end();
 
     // The bytes the tape holds on to between calls.
-    std::size_t heldBytes() const;
+    std::size_t heldBytes() const {
+        const auto bytes = [](const auto& v) { return v.capacity() * sizeof(v[0]); };
+        return bytes(entries_) + bytes(open_) + bytes(closing_) + bytes(units_) + bytes(names_) + bytes(arrays_) +
+               bytes(arraySizes_);
+    }
 
     // The size of the VELTRA_Params message with these arguments (all containers closed) and nargout; throws
     // when that is more than a message can hold.
@@ -77,10 +90,7 @@ private:
     }
     [[noreturn]] void tooDeep() const;
     static std::size_t bodySize(const Entry& e);
-
     static const std::size_t kMaxDepth;
-    static const std::size_t kNumberBody;   // a 1-by-1 double or int64
-    static const std::size_t kLogicalBody;  // a 1-by-1 logical
 
     // A container being sized by finish(): its entry, the values still to come, its body so far.
     struct Closing {

@@ -18,13 +18,13 @@ enum WireType : std::uint32_t { kVarint = 0, kFixed64 = 1, kLen = 2, kStartGroup
 
 constexpr std::uint32_t makeTag(int field, WireType wt) { return (static_cast<std::uint32_t>(field) << 3) | wt; }
 
-inline std::size_t varintSize(std::uint64_t v) {
+constexpr std::size_t varintSize(std::uint64_t v) {
     // 1 byte per 7 bits, at least one.
     return static_cast<std::size_t>((64 - __builtin_clzll(v | 1) + 6) / 7);
 }
-inline std::size_t tagSize(int field) { return varintSize(makeTag(field, kVarint)); }
+constexpr std::size_t tagSize(int field) { return varintSize(makeTag(field, kVarint)); }
 // A length-delimited field: tag, length, body.
-inline std::size_t lenFieldSize(int field, std::size_t body) { return tagSize(field) + varintSize(body) + body; }
+constexpr std::size_t lenFieldSize(int field, std::size_t body) { return tagSize(field) + varintSize(body) + body; }
 // int32 fields: negative values travel sign-extended to 64 bits, as protobuf writes them.
 inline std::uint64_t int32Bits(std::int32_t v) { return static_cast<std::uint64_t>(static_cast<std::int64_t>(v)); }
 inline std::uint64_t zigzag(std::int64_t v) {

@@ -128,12 +128,11 @@ void importArrayPackage() {
     }
     const VeltraArrayCapi* capi = checkedTable(table);
 
-    PyObject* doubleType = PyObject_GetAttrString(package.get(), "double");
-    if (!doubleType) {
+    // Only checked: the converters reach the types through the capsule.
+    if (!PythonVeltraDataArray::pyutil::Ref::steal(PyObject_GetAttrString(package.get(), "double"))) {
         throwStep("unable to retrieve type object 'double'");
     }
     PythonVeltraDataArray::detail::setCapsule(capi);
-    PythonVeltraDataArray::detail::setPackageDoubleType(doubleType);  // kept for the life of the process
 }
 
 // The converters of the folders above convert/ go into its dispatchers once per process, whatever becomes of

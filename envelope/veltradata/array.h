@@ -66,7 +66,6 @@ public:
     const foundation::veltradata::detail::ArrayImpl& impl() const;
 
 protected:
-    void requireType(bool ok, const char* viewName) const;
     foundation::veltradata::detail::ArrayImpl* impl_ = nullptr;
 };
 
