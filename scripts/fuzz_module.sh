@@ -29,7 +29,8 @@ STAGE=$BUILD/stage
 
 echo "== building the extensions with ASan, UBSan and fuzzer coverage ($BUILD)"
 cmake -S . -B "$BUILD" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DVELTRA_BUILD_PYTHON=ON -DVELTRA_FUZZ_PYTHON=ON -DPython_EXECUTABLE="$PY" -Wno-dev >/dev/null
+  -DVELTRA_BUILD_PYTHON=ON -DVELTRA_FUZZ_PYTHON=ON -DVELTRA_PRIVATE_PROTOBUF=OFF -DPython_EXECUTABLE="$PY" \
+  -Wno-dev >/dev/null
 cmake --build "$BUILD" -j "$JOBS"
 # The layout of an installed wheel: both extensions beside veltra/, which holds libveltradata.so (their
 # RPATH is $ORIGIN/veltra), the schema files veltra.wire compiles, and the package's Python modules.

@@ -117,7 +117,7 @@ if [ "$(cat "$REQ_STAMP" 2>/dev/null)" != "$reqs" ]; then
   did=1
 fi
 
-./scripts/protobuf_source.sh  # the sources of the protobuf runtime the package links in (pyproject.toml)
+./scripts/protobuf_source.sh  # the sources of the protobuf runtime the package below and the release wheel link in
 
 # A change of the packages above (the build backend's version, say) rebuilds too.
 digest=$(printf '%s\n%s\n' "$reqs" "$(build_inputs_digest)" | sha256sum | cut -d' ' -f1)
